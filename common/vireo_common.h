@@ -1,0 +1,47 @@
+// Trace facility, JSON helpers and partition-name check shared by every module.
+#pragma once
+
+#include <cJSON.h>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+// Each source file defines its module name before using VIREO_TRACE:
+//   static const char VIREO_MODULE[] = "vireo_ptn";
+void vireo_trace(const char *module, int line, const char *func, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+
+#define VIREO_TRACE(...) vireo_trace(VIREO_MODULE, __LINE__, __func__, __VA_ARGS__)
+
+// Progress mark used next to trace lines by the boot-flag records.
+#define VIREO_PROGRESS() printf("[%s]%d\n", __func__, __LINE__)
+
+// A null object where one is required is a programming error; unlike assert()
+// this stays active in release builds.
+[[noreturn]] void vireo_assert_fail(const char *what, const char *file, int line);
+#define VIREO_ASSERT(expr)                                                                         \
+    do {                                                                                           \
+        if (!(expr))                                                                               \
+            vireo_assert_fail(#expr, __FILE__, __LINE__);                                          \
+    } while (0)
+
+// Copies len bytes (need not be terminated), parses them; caller owns the tree.
+cJSON *vireo_parse_json_data(const char *data, int32_t len);
+
+// 1 if every character is one of a-z A-Z 0-9 - _ . (the empty name included), else 0.
+int viero_ptn_name_validate(const char *name);
+
+// Hexadecimal text as strtol(base 16) reads it, low 32 bits kept.
+uint32_t vireo_hex_to_u32(const char *text);
+
+// How a member of a JSON object was found.
+enum vireo_json_member { VIREO_MEMBER_OK = 0, VIREO_MEMBER_ABSENT, VIREO_MEMBER_NOT_STRING };
+
+// Looks up a string member (case-insensitive key); *out is set only when OK.
+vireo_json_member vireo_json_string_member(const cJSON *obj, const char *key, const char **out);
+
+using cjson_ptr = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
+
+// Prints c n times and a newline (separator lines of dumps).
+void vireo_print_line(char c, int n);

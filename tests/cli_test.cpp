@@ -1,0 +1,179 @@
+// Runs the built tool as a user would and checks its output and exit status.
+#include "test_util.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <regex>
+#include <unistd.h>
+
+namespace
+{
+
+const char kUsage[] = "Usage:\n"
+                      "./vireo_firmware_upgrade -C -u up.bin [ -w ubi -p 0 ]\n"
+                      "./vireo_firmware_upgrade -U -u up.bin [ -w ubi -p 0 ]\n"
+                      "\n";
+const char kPidFile[] = "/tmp/vireo_firmware_upgrade.pid";
+
+run_result tool(const std::vector<std::string> &args)
+{
+    return run_program(VIREO_TOOL, args);
+}
+
+std::string data(const std::string &name)
+{
+    return std::string(VIREO_TEST_DATA) + "/" + name;
+}
+
+} // namespace
+
+TEST(CommandLine, NoArgumentsPrintsUsageAndFails)
+{
+    run_result r = tool({});
+    EXPECT_EQ(255, r.status);
+    EXPECT_EQ(kUsage, r.out);
+}
+
+TEST(CommandLine, HelpAndUnknownOptionPrintUsageAndSucceed)
+{
+    for (const char *opt : {"-h", "--help"}) {
+        run_result r = tool({opt});
+        EXPECT_EQ(0, r.status) << opt;
+        EXPECT_EQ(kUsage, r.out) << opt;
+    }
+    run_result unknown = tool({"-x"});
+    EXPECT_EQ(0, unknown.status);
+    EXPECT_EQ(kUsage, unknown.out);
+    EXPECT_NE(std::string::npos, unknown.err.find("invalid option")) << unknown.err;
+    run_result missing = tool({"-u"});
+    EXPECT_EQ(0, missing.status) << "a missing argument also asks for usage";
+    EXPECT_EQ(kUsage, missing.out);
+}
+
+TEST(CommandLine, ShowWithoutTableFileFails)
+{
+    run_result r = tool({"-s"});
+    EXPECT_EQ(255, r.status);
+    EXPECT_EQ(kUsage, r.out);
+}
+
+TEST(CommandLine, ShowPrintsDumpAndBothJsonForms)
+{
+    run_result r = tool({"-s", "-P", data("ptn_valid.json")});
+    EXPECT_EQ(0, r.status);
+    // Addresses differ from run to run.
+    const std::string out = std::regex_replace(r.out, std::regex("= 0x[0-9a-f]+\n"), "= ADDR\n");
+    const std::string eq(41, '=');
+    const std::string dash104(104, '-');
+    const std::string tail =
+        dash104 + "\n" +
+        "disk size        : 0x08000000 (dec  134217728).\n"
+        "partition number : 2\n"
+        "\n"
+        "partitions:\n"
+        "index name                           base  size(hex)  size(dec)\n" +
+        std::string(63, '-') + "\n" +
+        "    0 partition-table          0x00000000 0x00010000      65536\n"
+        "    1 device-info              0x00010000 0x00010000      65536\n" +
+        dash104 + "\n" + eq + "\n" + "json_root = ADDR\n" +
+        read_file(data("ptn_valid.json")).substr(0, read_file(data("ptn_valid.json")).size() - 1) +
+        "tmp = ADDR\n"
+        "{\n"
+        "\t\"disk-size\":\t\"0x08000000\",\n"
+        "\t\"partition-table\":\t[{\n"
+        "\t\t\t\"name\":\t\"partition-table\",\n"
+        "\t\t\t\"base\":\t\"0x00000000\",\n"
+        "\t\t\t\"size\":\t\"0x00010000\",\n"
+        "\t\t\t\"attr\":\t\"0x00000000\"\n"
+        "\t\t}, {\n"
+        "\t\t\t\"name\":\t\"device-info\",\n"
+        "\t\t\t\"base\":\t\"0x00010000\",\n"
+        "\t\t\t\"size\":\t\"0x00010000\",\n"
+        "\t\t\t\"attr\":\t\"0x00000001\"\n"
+        "\t\t}]\n"
+        "}" +
+        eq + "\n";
+    ASSERT_GE(out.size(), tail.size()) << out;
+    EXPECT_EQ(tail, out.substr(out.size() - tail.size())) << out;
+    EXPECT_TRUE(has_trace(
+        r.out,
+        "json file size : " + std::to_string(read_file(data("ptn_valid.json")).size()) + " ."));
+}
+
+TEST(CommandLine, ShowOfBadFilesTracesAndStillSucceeds)
+{
+    temp_dir dir;
+    const std::string garbage = dir.write("garbage.json", "{not json");
+    const struct {
+        std::string path;
+        std::string message;
+    } cases[] = {
+        {dir.join("missing.json"), "Failed to open 'partition.json', errno=2."},
+        {garbage, "Failed to parse 'partition.json'"},
+        {data("ptn_overlap.json"), "Failed to build ptn table."},
+    };
+    for (const auto &c : cases) {
+        run_result r = tool({"-s", "-P", c.path});
+        EXPECT_EQ(0, r.status) << c.path;
+        EXPECT_TRUE(has_trace(r.out, c.message)) << r.out;
+        EXPECT_EQ(std::string::npos, r.out.find(std::string(41, '='))) << "no dump for a bad file";
+    }
+}
+
+TEST(CommandLine, UpAloneTakesTheLockAndWritesPidWithNul)
+{
+    run_result r = tool({"-u", "up.bin"});
+    EXPECT_EQ(0, r.status) << r.err;
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(
+        r.out, m, std::regex("file: /tmp/vireo_firmware_upgrade\\.pid is locked by ([0-9]+)\n")))
+        << r.out;
+    EXPECT_EQ(m[1].str() + std::string(1, '\0'), read_file(kPidFile));
+}
+
+TEST(CommandLine, SecondInstanceIsRefusedWhileLockIsHeld)
+{
+    const int fd = open(kPidFile, O_RDWR | O_CREAT, 0644);
+    ASSERT_GE(fd, 0);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    ASSERT_EQ(0, fcntl(fd, F_SETLK, &lock));
+    for (const std::vector<std::string> &args : {std::vector<std::string>{"-u", "up.bin"},
+                                                 std::vector<std::string>{"-U", "-u", "up.bin"}}) {
+        run_result r = tool(args);
+        EXPECT_EQ(255, r.status);
+        EXPECT_EQ("file: /tmp/vireo_firmware_upgrade.pid already locked\n"
+                  "The program is already running, exit(-1)!\n",
+                  r.err);
+        EXPECT_EQ("", r.out);
+    }
+    close(fd);
+}
+
+TEST(CommandLine, UpgradeWithoutFileTakesLockThenPrintsUsage)
+{
+    run_result r = tool({"-U"});
+    EXPECT_EQ(255, r.status);
+    EXPECT_NE(std::string::npos, r.out.find("is locked by")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find(kUsage)) << r.out;
+}
+
+TEST(CommandLine, PrecedenceOfCommands)
+{
+    // Roll-back outranks check and always exits 0.
+    run_result rb = tool({"-C", "-r"});
+    EXPECT_EQ(0, rb.status);
+    // Usage outranks everything.
+    run_result help = tool({"-r", "-h"});
+    EXPECT_EQ(0, help.status);
+    EXPECT_EQ(kUsage, help.out);
+    // Check without a file: the check command reports and fails.
+    run_result check = tool({"-C"});
+    EXPECT_EQ(255, check.status);
+    EXPECT_EQ(std::string::npos, check.out.find("is locked by")) << "check takes no lock";
+    // -P without -s is ignored: no command, so the lock is taken.
+    run_result lock = tool({"-P", data("ptn_valid.json")});
+    EXPECT_EQ(0, lock.status);
+    EXPECT_NE(std::string::npos, lock.out.find("is locked by"));
+}

@@ -1,0 +1,144 @@
+#include "test_util.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+static std::string capture_fd(int target, const std::function<void()> &fn)
+{
+    char name[] = "/tmp/vireo_capture_XXXXXX";
+    const int tmp = mkstemp(name);
+    if (tmp < 0)
+        throw std::runtime_error("mkstemp failed");
+    fflush(stdout);
+    fflush(stderr);
+    const int saved = dup(target);
+    dup2(tmp, target);
+    fn();
+    fflush(stdout);
+    fflush(stderr);
+    dup2(saved, target);
+    close(saved);
+    close(tmp);
+    std::string text = read_file(name);
+    unlink(name);
+    return text;
+}
+
+std::string capture_stdout(const std::function<void()> &fn)
+{
+    return capture_fd(STDOUT_FILENO, fn);
+}
+
+std::string capture_stderr(const std::function<void()> &fn)
+{
+    return capture_fd(STDERR_FILENO, fn);
+}
+
+std::vector<std::string> trace_messages(const std::string &out)
+{
+    std::vector<std::string> messages;
+    std::istringstream in(out);
+    std::string line;
+    while (std::getline(in, line)) {
+        const size_t tag = line.find(": [TRACE]");
+        const size_t bar = line.find("() | ", tag == std::string::npos ? 0 : tag);
+        if (tag == std::string::npos || bar == std::string::npos)
+            continue;
+        messages.push_back(line.substr(bar + 5));
+    }
+    return messages;
+}
+
+bool has_trace(const std::string &out, const std::string &msg)
+{
+    for (const std::string &m : trace_messages(out))
+        if (m == msg)
+            return true;
+    return false;
+}
+
+temp_dir::temp_dir()
+{
+    char name[] = "/tmp/vireo_test_XXXXXX";
+    if (!mkdtemp(name))
+        throw std::runtime_error("mkdtemp failed");
+    path = name;
+}
+
+temp_dir::~temp_dir()
+{
+    const std::string cmd = "rm -rf '" + path + "'";
+    if (system(cmd.c_str()) != 0)
+        fprintf(stderr, "could not remove %s\n", path.c_str());
+}
+
+std::string temp_dir::join(const std::string &rel) const
+{
+    return path + "/" + rel;
+}
+
+std::string temp_dir::write(const std::string &rel, const std::string &content) const
+{
+    const std::string full = join(rel);
+    for (size_t pos = full.find('/', path.size() + 1); pos != std::string::npos;
+         pos = full.find('/', pos + 1))
+        mkdir(full.substr(0, pos).c_str(), 0755);
+    write_file(full, content);
+    return full;
+}
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void write_file(const std::string &path, const std::string &content)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(content.data(), static_cast<std::streamsize>(content.size()));
+    if (!out)
+        throw std::runtime_error("cannot write " + path);
+}
+
+run_result run_program(const std::string &program, const std::vector<std::string> &args)
+{
+    temp_dir dir;
+    const std::string out_path = dir.join("out");
+    const std::string err_path = dir.join("err");
+    fflush(stdout);
+    fflush(stderr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int in = open("/dev/null", O_RDONLY);
+        const int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(in, 0);
+        dup2(out, 1);
+        dup2(err, 2);
+        std::vector<char *> argv;
+        argv.push_back(const_cast<char *>(program.c_str()));
+        for (const std::string &a : args)
+            argv.push_back(const_cast<char *>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(program.c_str(), argv.data());
+        _exit(127);
+    }
+    int wstatus = 0;
+    waitpid(pid, &wstatus, 0);
+    run_result r;
+    r.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+    r.out = read_file(out_path);
+    r.err = read_file(err_path);
+    return r;
+}

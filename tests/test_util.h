@@ -1,0 +1,40 @@
+// Helpers shared by the tests: output capture, trace parsing, temporary trees, tool runs.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+// Runs fn with standard output (and optionally standard error) sent to a file; returns it.
+std::string capture_stdout(const std::function<void()> &fn);
+std::string capture_stderr(const std::function<void()> &fn);
+
+// The message parts (text after "| ") of the trace lines in out, in order, each
+// without its line ending. Lines that are not trace lines are skipped.
+std::vector<std::string> trace_messages(const std::string &out);
+// Whether some trace message equals msg exactly.
+bool has_trace(const std::string &out, const std::string &msg);
+
+// A fresh directory removed with its content at destruction.
+struct temp_dir {
+    temp_dir();
+    ~temp_dir();
+    temp_dir(const temp_dir &) = delete;
+    temp_dir &operator=(const temp_dir &) = delete;
+    std::string path;
+    // Writes a file below the directory (creating parent directories); returns its path.
+    std::string write(const std::string &rel, const std::string &content) const;
+    std::string join(const std::string &rel) const;
+};
+
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &content);
+
+struct run_result {
+    int status; // exit status 0..255, or -1 when killed by a signal
+    std::string out;
+    std::string err;
+};
+
+// Runs the program with the arguments (argv[0] is added), no standard input.
+run_result run_program(const std::string &program, const std::vector<std::string> &args);
