@@ -4,8 +4,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/deps.sh
-bash scripts/build.sh build -DVIREO_BUILD_TESTS=OFF >/dev/null
-tool=build/vireo_firmware_upgrade
+bash scripts/build.sh build-demo -DVIREO_BUILD_TESTS=OFF >/dev/null
+tool=build-demo/vireo_firmware_upgrade
 
 echo "\$ $tool --help"
 "$tool" --help

@@ -1,0 +1,264 @@
+#include "common/vireo_file.h"
+
+#include "common/vireo_common.h"
+#include "ubi/vireo_libubi.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <unistd.h>
+#include <vector>
+
+static const char VIREO_MODULE[] = "vireo_file";
+
+namespace
+{
+
+// Closes the descriptor on every way out.
+struct fd_guard {
+    int fd;
+    explicit fd_guard(int f) : fd(f) {}
+    ~fd_guard()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+    fd_guard(const fd_guard &) = delete;
+    fd_guard &operator=(const fd_guard &) = delete;
+};
+
+bool bad_path(const char *path)
+{
+    return !path || !path[0];
+}
+
+// Size of an open descriptor by seeking to its end; -1 past 2 GiB - 1 or on error.
+int32_t size_of(int fd)
+{
+    const off_t end = lseek(fd, 0, SEEK_END);
+    if (end < 0 || end > INT32_MAX)
+        return -1;
+    return static_cast<int32_t>(end);
+}
+
+} // namespace
+
+int32_t vireo_file_get_size(const char *path)
+{
+    if (bad_path(path))
+        return -1;
+    fd_guard file(open(path, O_RDONLY));
+    if (file.fd < 0)
+        return -1;
+    return size_of(file.fd);
+}
+
+int32_t vireo_file_read(const char *path, uint8_t *buf, int32_t len, uint32_t *out_len)
+{
+    if (bad_path(path) || !buf || len < 1)
+        return -1;
+    fd_guard file(open(path, O_RDONLY));
+    if (file.fd < 0)
+        return -1;
+    const int32_t size = size_of(file.fd);
+    if (size < 0 || lseek(file.fd, 0, SEEK_SET) != 0)
+        return -1;
+    const ssize_t got = read(file.fd, buf, static_cast<size_t>(len < size ? len : size));
+    if (got < 0)
+        return -1;
+    if (out_len)
+        *out_len = static_cast<uint32_t>(got);
+    return 0;
+}
+
+int32_t vireo_file_read_by_offset(const char *path, int32_t offset, uint8_t *buf, int32_t len,
+                                  uint32_t *out_len)
+{
+    if (bad_path(path) || !buf || len <= 0) {
+        VIREO_TRACE("error parameters!\n");
+        return -1;
+    }
+    fd_guard file(open(path, O_RDONLY));
+    if (file.fd < 0) {
+        VIREO_TRACE("[%s]failed to open : %d!\n", path, errno);
+        return -1;
+    }
+    const int32_t size = size_of(file.fd);
+    if (offset < 0 || offset >= size) {
+        VIREO_TRACE("[%s]offset[%d] > file_size[%d]!\n", path, offset, size);
+        return -1;
+    }
+    const int32_t want = size - offset < len ? size - offset : len;
+    if (lseek(file.fd, offset, SEEK_SET) != offset) {
+        VIREO_TRACE("[%s]read error : %d!\n", path, errno);
+        return -1;
+    }
+    const ssize_t got = read(file.fd, buf, static_cast<size_t>(want));
+    if (got < 0) {
+        VIREO_TRACE("[%s]read error : %d!\n", path, errno);
+        return -1;
+    }
+    if (out_len)
+        *out_len = static_cast<uint32_t>(got);
+    return 0;
+}
+
+// The write [offset, offset + len) lies inside a target of size bytes (64-bit sum).
+static bool inside(int32_t offset, int32_t len, int32_t size)
+{
+    return static_cast<int64_t>(offset) + len <= size;
+}
+
+int32_t vireo_file_write_by_offset(const char *path, int32_t offset, const uint8_t *data,
+                                   int32_t len, uint32_t *out_len)
+{
+    if (bad_path(path) || !data || len < 1)
+        return -1;
+    const int32_t size = vireo_file_get_size(path);
+    if (size < 0 || offset < 0 || offset >= size || !inside(offset, len, size))
+        return -1;
+    fd_guard file(open(path, O_WRONLY | O_SYNC));
+    if (file.fd < 0)
+        return -1;
+    if (lseek(file.fd, offset, SEEK_SET) != offset)
+        return -1;
+    const ssize_t wrote = write(file.fd, data, static_cast<size_t>(len));
+    fsync(file.fd);
+    if (wrote < 0 || wrote < len)
+        return -1;
+    if (out_len)
+        *out_len = static_cast<uint32_t>(wrote);
+    return 0;
+}
+
+int32_t vireo_file_write_by_offset_block_mode(const char *path, int32_t offset, const uint8_t *data,
+                                              int32_t len, int32_t block_size, uint32_t *out_len)
+{
+    if (bad_path(path) || !data || len <= 0 || block_size <= 0) {
+        VIREO_TRACE("Invalid param\n");
+        return -1;
+    }
+    const int32_t size = vireo_file_get_size(path);
+    if (size < 0) {
+        VIREO_TRACE("Failed to get file size\n");
+        return -1;
+    }
+    if (offset < 0 || offset >= size) {
+        VIREO_TRACE("Invlaid offset(%d).\n", offset);
+        return -1;
+    }
+    // The padding of the last unit is not part of this check.
+    if (!inside(offset, len, size)) {
+        VIREO_TRACE("write overflow offset=%d buf_size=%u file=%d\n", offset,
+                    static_cast<uint32_t>(len), size);
+        return -1;
+    }
+    fd_guard file(open(path, O_WRONLY));
+    if (file.fd < 0) {
+        VIREO_TRACE("Failed to open '%s'\n", path);
+        return -1;
+    }
+    VIREO_TRACE("open no O_SYNC\n");
+    VIREO_TRACE("%s write 0x%08x(%u) bytes at offset 0x%08x : start ...\n", path,
+                static_cast<uint32_t>(len), static_cast<uint32_t>(len),
+                static_cast<uint32_t>(offset));
+    // Closed before the sync that ends every way out after the open.
+    auto close_and_sync = [&file] {
+        close(file.fd);
+        file.fd = -1;
+        sync();
+    };
+    int32_t done = 0;
+    while (done < len) {
+        const int32_t pos = offset + done;
+        lseek(file.fd, pos, SEEK_SET);
+        const int32_t chunk = len - done < block_size ? len - done : block_size;
+        ssize_t wrote;
+        if (chunk == block_size) {
+            wrote = write(file.fd, data + done, static_cast<size_t>(block_size));
+        } else {
+            std::vector<uint8_t> unit;
+            try {
+                unit.assign(static_cast<size_t>(block_size), 0xFF);
+            } catch (...) {
+                VIREO_TRACE("failed to alloc %d bytes.\n", block_size);
+                close_and_sync();
+                return -1;
+            }
+            memcpy(unit.data(), data + done, static_cast<size_t>(chunk));
+            // A padded unit never grows the target: what does not fit is a short
+            // write, as a device reports it.
+            const int32_t room = size - pos;
+            wrote = write(file.fd, unit.data(),
+                          static_cast<size_t>(room < block_size ? room : block_size));
+        }
+        if (wrote != block_size) {
+            printf("ERROR write(%d) return %d.", chunk, static_cast<int>(wrote));
+            close_and_sync();
+            return -1;
+        }
+        done += chunk;
+    }
+    if (out_len)
+        *out_len = static_cast<uint32_t>(done);
+    VIREO_TRACE("%s write 0x%08x(%u) bytes at offset 0x%08x : finish.\n", path,
+                static_cast<uint32_t>(len), static_cast<uint32_t>(len),
+                static_cast<uint32_t>(offset));
+    close_and_sync();
+    return 0;
+}
+
+int32_t vireo_ubi_write(const char *path, const uint8_t *data, int32_t len, uint32_t *written)
+{
+    if (bad_path(path) || !data || len < 0 || !written)
+        return -1;
+    std::unique_ptr<libubi, decltype(&libubi_close)> lib(libubi_open(), libubi_close);
+    if (!lib) {
+        if (errno == 0)
+            VIREO_TRACE("UBI is not present in the system\n");
+        VIREO_TRACE("cannot open libubi\n");
+        return -1;
+    }
+    const int kind = ubi_probe_node(lib.get(), path);
+    if (kind == 1) {
+        VIREO_TRACE("\"%s\" is an UBI device node, not an UBI volume node\n", path);
+        return -1;
+    }
+    if (kind < 0) {
+        if (errno == ENODEV)
+            VIREO_TRACE("\"%s\" is not an UBI volume node\n", path);
+        else
+            VIREO_TRACE("error while probing \"%s\"\n", path);
+        return -1;
+    }
+    fd_guard vol(open(path, O_RDWR));
+    if (vol.fd < 0) {
+        VIREO_TRACE("cannot open UBI volume \"%s\"\n", path);
+        return -1;
+    }
+    if (ubi_update_start(lib.get(), vol.fd, len)) {
+        VIREO_TRACE("cannot start volume \"%s\" update\n", path);
+        return -1;
+    }
+    int32_t left = len;
+    const uint8_t *p = data;
+    while (left > 0) {
+        const ssize_t wrote = write(vol.fd, p, static_cast<size_t>(left));
+        if (wrote > 0) {
+            p += wrote;
+            left -= static_cast<int32_t>(wrote);
+            *written += static_cast<uint32_t>(wrote);
+        } else if (wrote == 0) {
+            VIREO_TRACE("cannot write %d bytes to volume \"%s\"\n\n", left, path);
+            return -1;
+        } else if (errno == EINTR) {
+            printf("do not interrupt me!");
+        } else {
+            VIREO_TRACE("cannot write %d bytes to volume \"%s\"\n", left, path);
+            return -1;
+        }
+    }
+    VIREO_TRACE("Success to write %d bytes to volume \"%s\"\n", static_cast<int>(*written), path);
+    return 0;
+}

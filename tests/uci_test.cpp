@@ -1,0 +1,102 @@
+#include "common/vireo_uci.h"
+#include "ubi/vireo_ubi.h"
+
+#include "fake_root.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+int32_t accepts(const char *id, std::string *out = nullptr)
+{
+    int32_t r = 0;
+    const std::string text =
+        capture_stdout([&] { r = vireo_firmware_check_upgradable_special_id(id); });
+    if (out)
+        *out = text;
+    return r;
+}
+
+} // namespace
+
+TEST(Settings, SpecialIdsComeFromTheListOfTheFirstSection)
+{
+    fake_root root;
+    root.write("etc/profile.d/profile", "# device settings\n"
+                                        "config special_id_support_list 'ids'\n"
+                                        "\tlist special_id '55530000'\n"
+                                        "\tlist special_id \"4A500000\"  # Japan\n"
+                                        "\tlist special_id 45550000\n"
+                                        "\n"
+                                        "config special_id_support_list\n"
+                                        "\tlist special_id '99990000'\n");
+    EXPECT_EQ(1, accepts("55530000"));
+    EXPECT_EQ(1, accepts("4A500000"));
+    EXPECT_EQ(1, accepts("45550000"));
+    EXPECT_EQ(0, accepts("4a500000")) << "case-sensitive";
+    EXPECT_EQ(0, accepts("99990000")) << "only the first section of the type counts";
+}
+
+TEST(Settings, PlainOptionOfThatNameIsIgnored)
+{
+    fake_root root;
+    root.write("etc/profile.d/profile", "config other 'x'\n"
+                                        "\tlist special_id 'aaaa'\n"
+                                        "config special_id_support_list\n"
+                                        "\toption special_id 'bbbb'\n");
+    EXPECT_EQ(0, accepts("bbbb"));
+    EXPECT_EQ(0, accepts("aaaa")) << "a section of another type";
+}
+
+TEST(Settings, MissingFileSectionOrBadSyntax)
+{
+    fake_root root;
+    std::string out;
+    EXPECT_EQ(0, accepts("x", &out));
+    EXPECT_TRUE(has_trace(out, "uci_load profile fail."));
+
+    root.write("etc/profile.d/profile", "config other\n\toption a 'b'\n");
+    EXPECT_EQ(0, accepts("x", &out));
+    EXPECT_TRUE(has_trace(out, "uci_lookup_section special_id_support_list fail."));
+
+    for (const char *bad :
+         {"config special_id_support_list\n\tlist special_id 'open\n", "\tlist special_id 'x'\n",
+          "bogus line\n", "config special_id_support_list\n\tlist 'x'\n"}) {
+        root.write("etc/profile.d/profile", bad);
+        EXPECT_EQ(0, accepts("x", &out)) << bad;
+        EXPECT_TRUE(has_trace(out, "uci_load profile fail.")) << bad;
+    }
+    EXPECT_EQ(0, accepts(nullptr, &out));
+    EXPECT_TRUE(has_trace(out, "special_id is NULL."));
+}
+
+TEST(Settings, ReaderKeepsQuotedValuesAndTurnsRepeatedOptionIntoList)
+{
+    temp_dir dir;
+    const std::string path = dir.write("cfg", "config t 'n'\n"
+                                              "\toption a 'x y'\n"
+                                              "\toption b \"q\\\"q\"\n"
+                                              "\toption c 'one'\n"
+                                              "\tlist c 'two'\n");
+    uci_context *ctx = uci_alloc_context();
+    uci_package *pkg = nullptr;
+    ASSERT_EQ(UCI_OK, uci_load(ctx, path.c_str(), &pkg));
+    uci_element *e = nullptr;
+    ASSERT_EQ(UCI_OK, uci_lookup_next(ctx, &e, &pkg->sections, "n"));
+    uci_section *s = uci_to_section(e);
+    EXPECT_STREQ("t", s->type);
+    uci_option *a = uci_lookup_option(ctx, s, "a");
+    ASSERT_TRUE(a);
+    EXPECT_EQ(UCI_TYPE_STRING, a->type);
+    EXPECT_STREQ("x y", a->v.string);
+    EXPECT_STREQ("q\"q", uci_lookup_option(ctx, s, "b")->v.string);
+    uci_option *c = uci_lookup_option(ctx, s, "c");
+    ASSERT_EQ(UCI_TYPE_LIST, c->type);
+    std::string items;
+    uci_foreach_element(&c->v.list, e) items += std::string(e->name) + ";";
+    EXPECT_EQ("one;two;", items);
+    EXPECT_EQ(nullptr, uci_lookup_option(ctx, s, "none"));
+    uci_unload(ctx, pkg);
+    uci_free_context(ctx);
+}

@@ -1,0 +1,28 @@
+// The small UBI library: is UBI present and of the expected version, is a node a UBI
+// device or volume, and start a volume update. Errors go to standard error, prefixed
+// "libubi: error!: ", with errno telling the reason.
+#pragma once
+
+#include <cstdint>
+
+struct libubi;
+typedef libubi *libubi_t;
+
+struct ubi_info {
+    int32_t dev_count;
+    int32_t lowest_dev_num;
+    int32_t highest_dev_num;
+    int32_t version;
+    int32_t ctrl_major;
+    int32_t ctrl_minor;
+};
+
+// A handle, or none (errno 0 when UBI is not present at all).
+libubi_t libubi_open();
+void libubi_close(libubi_t desc);
+// 0 / -1.
+int ubi_get_info(libubi_t desc, ubi_info *info);
+// 1: a UBI device node, 2: a UBI volume node, -1: error (ENODEV, EINVAL, ...).
+int ubi_probe_node(libubi_t desc, const char *node);
+// Starts replacing the volume open on fd with bytes bytes: 0, or -1 with errno.
+int ubi_update_start(libubi_t desc, int fd, long long bytes);
