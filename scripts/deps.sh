@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(build-essential cmake ninja-build pkg-config libcjson-dev libgtest-dev
-          libbenchmark-dev libssl-dev clang-format)
+          libbenchmark-dev libssl-dev openssl clang-format)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,0 +1,174 @@
+// Our MD5, SHA-1 and RSA verification against OpenSSL's, measured in the same run;
+// prints the ratios at the end (above 1: ours is faster).
+#include "crypto/vireo_md5.h"
+#include "crypto/vireo_rsa.h"
+#include "crypto/vireo_sha1.h"
+#include "tools/vireo_key_blob.h"
+
+#include <benchmark/benchmark.h>
+#include <cstdio>
+#include <map>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+std::vector<uint8_t> buffer(size_t n)
+{
+    std::vector<uint8_t> b(n);
+    RAND_bytes(b.data(), static_cast<int>(n));
+    return b;
+}
+
+void ours_md5(benchmark::State &state)
+{
+    const auto data = buffer(static_cast<size_t>(state.range(0)));
+    uint8_t out[16];
+    for (auto _ : state) {
+        vireo_md5(data.data(), static_cast<uint32_t>(data.size()), out);
+        benchmark::DoNotOptimize(out);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+void openssl_md5(benchmark::State &state)
+{
+    const auto data = buffer(static_cast<size_t>(state.range(0)));
+    uint8_t out[16];
+    unsigned int len;
+    for (auto _ : state) {
+        EVP_Digest(data.data(), data.size(), out, &len, EVP_md5(), nullptr);
+        benchmark::DoNotOptimize(out);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+void ours_sha1(benchmark::State &state)
+{
+    const auto data = buffer(static_cast<size_t>(state.range(0)));
+    uint8_t out[20];
+    for (auto _ : state) {
+        sha1(data.data(), static_cast<uint32_t>(data.size()), out);
+        benchmark::DoNotOptimize(out);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+void openssl_sha1(benchmark::State &state)
+{
+    const auto data = buffer(static_cast<size_t>(state.range(0)));
+    uint8_t out[20];
+    unsigned int len;
+    for (auto _ : state) {
+        EVP_Digest(data.data(), data.size(), out, &len, EVP_sha1(), nullptr);
+        benchmark::DoNotOptimize(out);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+struct signed_digest {
+    EVP_PKEY *key = nullptr;
+    std::vector<uint8_t> blob;
+    uint8_t digest[16];
+    std::vector<uint8_t> sig_be;
+};
+
+signed_digest &fixture()
+{
+    static signed_digest f = [] {
+        signed_digest s;
+        FILE *pem = fopen(VIREO_KEY_DIR "/vireo_test_key_DO_NOT_SHIP.pem", "r");
+        if (!pem) {
+            fprintf(stderr, "cannot open the test key\n");
+            exit(1);
+        }
+        s.key = PEM_read_PrivateKey(pem, nullptr, nullptr, nullptr);
+        fclose(pem);
+        std::string error;
+        s.blob = vireo_pem_to_key_blob(VIREO_KEY_DIR "/vireo_test_key.pub.pem", &error);
+        RAND_bytes(s.digest, 16);
+        EVP_MD_CTX *ctx = EVP_MD_CTX_new();
+        size_t len = 0;
+        EVP_DigestSignInit(ctx, nullptr, EVP_sha1(), nullptr, s.key);
+        EVP_DigestSign(ctx, nullptr, &len, s.digest, 16);
+        s.sig_be.resize(len);
+        EVP_DigestSign(ctx, s.sig_be.data(), &len, s.digest, 16);
+        EVP_MD_CTX_free(ctx);
+        return s;
+    }();
+    return f;
+}
+
+void ours_rsa_verify(benchmark::State &state)
+{
+    signed_digest &f = fixture();
+    const std::vector<uint8_t> sig_le(f.sig_be.rbegin(), f.sig_be.rend());
+    for (auto _ : state) {
+        const int32_t ok = rsa_verify_blob(f.blob.data(), static_cast<uint32_t>(f.blob.size()),
+                                           f.digest, 16, sig_le.data(), 128);
+        if (ok != 1)
+            state.SkipWithError("signature refused");
+        benchmark::DoNotOptimize(ok);
+    }
+}
+
+void openssl_rsa_verify(benchmark::State &state)
+{
+    signed_digest &f = fixture();
+    for (auto _ : state) {
+        EVP_MD_CTX *ctx = EVP_MD_CTX_new();
+        EVP_DigestVerifyInit(ctx, nullptr, EVP_sha1(), nullptr, f.key);
+        const int ok = EVP_DigestVerify(ctx, f.sig_be.data(), f.sig_be.size(), f.digest, 16);
+        EVP_MD_CTX_free(ctx);
+        if (ok != 1)
+            state.SkipWithError("signature refused");
+        benchmark::DoNotOptimize(ok);
+    }
+}
+
+// Remembers each run's time per iteration while printing as usual.
+class recording_reporter : public benchmark::ConsoleReporter
+{
+  public:
+    std::map<std::string, double> ns;
+    void ReportRuns(const std::vector<Run> &runs) override
+    {
+        for (const Run &r : runs)
+            ns[r.benchmark_name()] = r.GetAdjustedRealTime();
+        ConsoleReporter::ReportRuns(runs);
+    }
+};
+
+} // namespace
+
+BENCHMARK(ours_md5)->Arg(16 << 10)->Arg(16 << 20);
+BENCHMARK(openssl_md5)->Arg(16 << 10)->Arg(16 << 20);
+BENCHMARK(ours_sha1)->Arg(16 << 10)->Arg(16 << 20);
+BENCHMARK(openssl_sha1)->Arg(16 << 10)->Arg(16 << 20);
+BENCHMARK(ours_rsa_verify)->Unit(benchmark::kMicrosecond);
+BENCHMARK(openssl_rsa_verify)->Unit(benchmark::kMicrosecond);
+
+int main(int argc, char **argv)
+{
+    benchmark::Initialize(&argc, argv);
+    recording_reporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    printf("\nSpeed relative to OpenSSL in this run (OpenSSL time / our time):\n");
+    for (const char *algo : {"md5", "sha1"})
+        for (const char *size : {"16384", "16777216"}) {
+            const std::string ours = std::string("ours_") + algo + "/" + size;
+            const std::string ref = std::string("openssl_") + algo + "/" + size;
+            if (reporter.ns.count(ours) && reporter.ns.count(ref))
+                printf("  %-5s %9s bytes: %.2fx\n", algo, size,
+                       reporter.ns[ref] / reporter.ns[ours]);
+        }
+    if (reporter.ns.count("ours_rsa_verify") && reporter.ns.count("openssl_rsa_verify"))
+        printf("  rsa-1024 verify: ours %.1f us, OpenSSL %.1f us, ratio %.2fx\n",
+               reporter.ns["ours_rsa_verify"], reporter.ns["openssl_rsa_verify"],
+               reporter.ns["openssl_rsa_verify"] / reporter.ns["ours_rsa_verify"]);
+    return 0;
+}

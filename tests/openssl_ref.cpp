@@ -1,0 +1,121 @@
+#include "openssl_ref.h"
+
+#include <cstdio>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/rsa.h>
+#include <stdexcept>
+
+bytes random_bytes(size_t n)
+{
+    bytes b(n);
+    if (n && RAND_bytes(b.data(), static_cast<int>(n)) != 1)
+        throw std::runtime_error("RAND_bytes");
+    return b;
+}
+
+static bytes digest_of(const EVP_MD *md, const bytes &data)
+{
+    bytes out(EVP_MAX_MD_SIZE);
+    unsigned int len = 0;
+    EVP_Digest(data.data(), data.size(), out.data(), &len, md, nullptr);
+    out.resize(len);
+    return out;
+}
+
+bytes ref_md5(const bytes &data)
+{
+    return digest_of(EVP_md5(), data);
+}
+
+bytes ref_sha1(const bytes &data)
+{
+    return digest_of(EVP_sha1(), data);
+}
+
+pkey_ptr ref_rsa_generate(int bits)
+{
+    return pkey_ptr(EVP_RSA_gen(static_cast<unsigned int>(bits)), EVP_PKEY_free);
+}
+
+pkey_ptr ref_rsa_load_private(const std::string &pem_path)
+{
+    FILE *f = fopen(pem_path.c_str(), "r");
+    if (!f)
+        return pkey_ptr(nullptr, EVP_PKEY_free);
+    EVP_PKEY *key = PEM_read_PrivateKey(f, nullptr, nullptr, nullptr);
+    fclose(f);
+    return pkey_ptr(key, EVP_PKEY_free);
+}
+
+bytes ref_rsa_modulus(EVP_PKEY *key)
+{
+    BIGNUM *n = nullptr;
+    EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &n);
+    bytes out(static_cast<size_t>(EVP_PKEY_get_size(key)));
+    BN_bn2binpad(n, out.data(), static_cast<int>(out.size()));
+    BN_free(n);
+    return out;
+}
+
+bytes ref_rsa_blob(EVP_PKEY *key)
+{
+    const bytes n = ref_rsa_modulus(key);
+    const uint32_t bits = static_cast<uint32_t>(n.size() * 8);
+    bytes blob = {6, 2, 0, 0, 0x00, 0xA4, 0, 0, 'R', 'S', 'A', '1'};
+    for (uint32_t v : {bits, 65537u})
+        for (int i = 0; i < 4; i++)
+            blob.push_back(static_cast<uint8_t>(v >> (8 * i)));
+    for (size_t i = n.size(); i-- > 0;)
+        blob.push_back(n[i]);
+    return blob;
+}
+
+bytes ref_rsa_sign_sha1(EVP_PKEY *key, const bytes &data)
+{
+    const bytes h = ref_sha1(data);
+    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr),
+                                                                    EVP_PKEY_CTX_free);
+    size_t len = 0;
+    if (EVP_PKEY_sign_init(ctx.get()) != 1 ||
+        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+        EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha1()) != 1 ||
+        EVP_PKEY_sign(ctx.get(), nullptr, &len, h.data(), h.size()) != 1)
+        throw std::runtime_error("sign init");
+    bytes sig(len);
+    if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, h.data(), h.size()) != 1)
+        throw std::runtime_error("sign");
+    sig.resize(len);
+    return sig;
+}
+
+bytes ref_rsa_raw_private(EVP_PKEY *key, const bytes &em)
+{
+    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr),
+                                                                    EVP_PKEY_CTX_free);
+    size_t len = 0;
+    if (EVP_PKEY_sign_init(ctx.get()) != 1 ||
+        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_NO_PADDING) != 1 ||
+        EVP_PKEY_sign(ctx.get(), nullptr, &len, em.data(), em.size()) != 1)
+        throw std::runtime_error("raw init");
+    bytes sig(len);
+    if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, em.data(), em.size()) != 1)
+        throw std::runtime_error("raw sign");
+    sig.resize(len);
+    return sig;
+}
+
+bytes reversed(bytes b)
+{
+    return bytes(b.rbegin(), b.rend());
+}
+
+bytes from_hex(const std::string &hex)
+{
+    bytes out;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        out.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return out;
+}

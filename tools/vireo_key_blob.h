@@ -1,0 +1,14 @@
+// Host side: RSA keys in PEM form to the public-key blob and base64 text the tool builds in.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// Reads an RSA public key (or the public part of a private key) from a PEM file and
+// returns its 148-byte-style blob: type 6, version 2, algorithm 0xA400, "RSA1", bit
+// length, exponent and modulus least significant byte first. Empty on failure (*error set).
+std::vector<uint8_t> vireo_pem_to_key_blob(const std::string &pem_path, std::string *error);
+
+// Standard base64 with '=' padding.
+std::string vireo_base64_encode(const std::vector<uint8_t> &data);
