@@ -1,4 +1,5 @@
 // Runs the built tool as a user would and checks its output and exit status.
+#include "pack_fixture.h"
 #include "test_util.h"
 
 #include <fcntl.h>
@@ -176,4 +177,55 @@ TEST(CommandLine, PrecedenceOfCommands)
     run_result lock = tool({"-P", data("ptn_valid.json")});
     EXPECT_EQ(0, lock.status);
     EXPECT_NE(std::string::npos, lock.out.find("is locked by"));
+}
+
+TEST(SignatureTest, PacksPassAndTamperedFilesFail)
+{
+    temp_dir dir;
+    std::vector<uint8_t> file = pack_firmware(dir, two_image_manifest(dir));
+    ASSERT_FALSE(file.empty());
+    const std::string up = dir.join("up.bin");
+    run_result ok = tool({"-t", up});
+    EXPECT_EQ(0, ok.status);
+    EXPECT_EQ(std::vector<std::string>({"Rsa check pass"}), trace_messages(ok.out));
+
+    for (size_t pos :
+         {size_t(20), size_t(48), size_t(304), size_t(431), size_t(5000), file.size() - 1}) {
+        std::string changed(file.begin(), file.end());
+        changed[pos] ^= 0x10;
+        const std::string path = dir.write("bad.bin", changed);
+        run_result bad = tool({"-t", path});
+        EXPECT_EQ(255, bad.status) << pos;
+        EXPECT_TRUE(has_trace(bad.out, "Rsa check not pass")) << pos;
+    }
+    std::string magic(file.begin(), file.end());
+    magic[0] ^= 0x10;
+    magic[19] ^= 0x10;
+    EXPECT_EQ(0, tool({"-t", dir.write("magic.bin", magic)}).status);
+    // The verdict of -t outranks the other commands.
+    EXPECT_EQ(0, tool({"-t", up, "-U", "-u", up}).status);
+}
+
+TEST(SignatureTest, SuppliedDigestChecksTheHeadAlone)
+{
+    temp_dir dir;
+    std::vector<uint8_t> file = pack_firmware(dir, two_image_manifest(dir));
+    ASSERT_FALSE(file.empty());
+    ASSERT_EQ(
+        0,
+        run_program(VIREO_PACK_TOOL, {"digest", dir.join("up.bin"), "-o", dir.join("m")}).status);
+    const std::string head = dir.write("head", std::string(file.begin(), file.begin() + 432));
+    EXPECT_EQ(0, tool({"-m", dir.join("m"), "-t", head}).status);
+    EXPECT_EQ(0, tool({"--rsa", dir.join("m"), "--head", head}).status);
+    run_result reversed = tool({"-t", head, "-m", dir.join("m")});
+    EXPECT_EQ(255, reversed.status) << "the digest came after the test";
+    EXPECT_TRUE(has_trace(reversed.out, "Rsa check not pass"));
+
+    run_result missing = tool({"-m", dir.join("none"), "-t", head});
+    EXPECT_EQ(255, missing.status);
+    EXPECT_TRUE(has_trace(missing.out, "no md5 Rsa check not pass")) << missing.out;
+    EXPECT_TRUE(has_trace(missing.out, "Failed to get file size, file='" + dir.join("none") + "'"));
+
+    run_result short_head = tool({"-m", dir.join("m"), "-t", dir.write("h", "tiny")});
+    EXPECT_EQ(255, short_head.status);
 }

@@ -1,0 +1,37 @@
+// The upgrade partition table of an image: the partitions it carries and where their
+// contents lie in the payload.
+#pragma once
+
+#include "firmware/vireo_firmware_header.h"
+
+#include <cJSON.h>
+#include <cstdint>
+
+#define UP_PTN_MAX_NUM 64
+#define UP_PTN_NAME_LEN 32
+
+struct up_ptn_info {
+    char name[UP_PTN_NAME_LEN];
+    int32_t base; // from the first byte of this image's payload; negative: an earlier image
+    uint32_t size;
+};
+
+struct up_ptn_table {
+    uint32_t ptns_total_size; // sum of sizes of the entries with a non-negative base
+    uint32_t ptn_cnt;
+    up_ptn_info ptns[UP_PTN_MAX_NUM];
+};
+
+int32_t vireo_firmware_up_ptn_table_parse(const cJSON *json_up_ptn_table, up_ptn_table *ptn_table);
+up_ptn_table *vireo_firmware_up_ptn_table_build_by_json(const cJSON *json_root);
+// From the image whose header starts at buf, buf_size bytes before the end of the file.
+up_ptn_table *vireo_firmware_up_ptn_table_build_by_fimware(const uint8_t *buf, int32_t buf_size,
+                                                           const firmware_header *header);
+void vireo_firmware_up_ptn_table_dump(const up_ptn_table *table);
+void vireo_firmware_up_ptn_table_destroy(up_ptn_table *table);
+
+// Where the content of entry lies in a firmware file of file_size bytes whose image
+// payload starts at payload_offset: the content's first byte, or none (traced) when any
+// byte of it would lie outside the file. Every reader of partition contents uses it.
+const uint8_t *vireo_firmware_ptn_content(const uint8_t *file, uint32_t file_size,
+                                          uint32_t payload_offset, const up_ptn_info *entry);

@@ -1,0 +1,140 @@
+#include "firmware/vireo_firmware_integrity.h"
+
+#include "firmware/vireo_firmware_header.h"
+#include "pack_fixture.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using bytes = std::vector<uint8_t>;
+
+class Integrity : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        reset_integrity_state();
+        file = pack_firmware(dir, two_image_manifest(dir));
+        ASSERT_FALSE(file.empty());
+    }
+    void TearDown() override
+    {
+        reset_integrity_state();
+    }
+
+    int32_t check(bytes &buf, std::string *out = nullptr)
+    {
+        rsa_passed = 0;
+        int32_t r = 0;
+        const std::string text = capture_stdout(
+            [&] { r = vireo_check_rsa(buf.data(), static_cast<uint32_t>(buf.size())); });
+        if (out)
+            *out = text;
+        return r;
+    }
+
+    temp_dir dir;
+    bytes file;
+};
+
+} // namespace
+
+TEST_F(Integrity, SignedFilePassesAndBufferIsUnchanged)
+{
+    bytes buf = file;
+    std::string out;
+    EXPECT_EQ(0, check(buf, &out));
+    EXPECT_EQ(std::vector<std::string>({"Rsa check pass"}), trace_messages(out));
+    EXPECT_EQ("| Rsa check pass\n\n", out.substr(out.size() - 18)) << "an empty line follows";
+    EXPECT_EQ(file, buf);
+    EXPECT_EQ(1u, rsa_passed);
+}
+
+TEST_F(Integrity, EveryChangedByteFromOffset20FailsAndEarlierOnesDoNot)
+{
+    // Every byte of the header region (signature field included), then a stride through
+    // the table region and the payload, and the last byte.
+    std::vector<size_t> positions;
+    for (size_t p = 20; p < FIRMWARE_HEADER_SIZE; p += (p < 448 ? 1 : 7))
+        positions.push_back(p);
+    for (size_t p = FIRMWARE_HEADER_SIZE; p < file.size(); p += 613)
+        positions.push_back(p);
+    positions.push_back(file.size() - 1);
+    bytes buf = file;
+    for (size_t p : positions) {
+        buf[p] ^= 0x01;
+        std::string out;
+        ASSERT_EQ(-1, check(buf, &out)) << "byte " << p;
+        ASSERT_TRUE(has_trace(out, "Rsa check not pass")) << out;
+        EXPECT_EQ(0u, rsa_passed);
+        buf[p] ^= 0x01;
+    }
+    EXPECT_EQ(file, buf) << "every check put the buffer back";
+    for (size_t p = 0; p < 20; p++) {
+        buf[p] ^= 0xFF;
+        EXPECT_EQ(0, check(buf)) << "byte " << p << " is not covered";
+        buf[p] ^= 0xFF;
+    }
+}
+
+TEST_F(Integrity, OnceAVerificationPassedLaterOnesPassAtOnce)
+{
+    bytes buf = file;
+    EXPECT_EQ(0, check(buf));
+    bytes garbage(500, 0xAB);
+    std::string out = capture_stdout([&] { EXPECT_EQ(0, vireo_check_rsa(garbage.data(), 500)); });
+    EXPECT_EQ("", out);
+}
+
+TEST_F(Integrity, SuppliedDigestReplacesTheComputedOne)
+{
+    const std::string full = dir.join("up.bin");
+    // M as the host tool writes it.
+    ASSERT_EQ(0, run_program(VIREO_PACK_TOOL, {"digest", full, "-o", dir.join("m")}).status);
+    const std::string digest = read_file(dir.join("m"));
+    ASSERT_EQ(16u, digest.size());
+    bytes head(file.begin(), file.begin() + 432);
+
+    digest_from_image = 0;
+    std::string out;
+    EXPECT_EQ(-1, check(head, &out));
+    EXPECT_TRUE(has_trace(out, "no md5 Rsa check not pass"));
+
+    std::string md5_out =
+        capture_stdout([&] { EXPECT_EQ(0, vireo_check_md5(dir.join("m").c_str())); });
+    EXPECT_EQ(0, check(head));
+    head[300] ^= 1; // inside the signed range, but the digest is the supplied one
+    EXPECT_EQ(0, check(head));
+    head[305] ^= 1; // the signature itself
+    EXPECT_EQ(-1, check(head));
+}
+
+TEST_F(Integrity, ShortFilesAreRefusedWithoutReadingPastThem)
+{
+    const std::string short_head = dir.write("head", std::string(431, 'x'));
+    const std::string short_md5 = dir.write("m15", std::string(15, 'x'));
+    const std::string empty = dir.write("empty", "");
+    std::string out = capture_stdout([&] {
+        EXPECT_EQ(-1, vireo_check_head_rsa(short_head.c_str()));
+        EXPECT_EQ(-1, vireo_check_md5(short_md5.c_str()));
+        EXPECT_EQ(-1, vireo_check_md5(empty.c_str()));
+        EXPECT_EQ(-1, vireo_check_head_rsa(dir.join("missing").c_str()));
+        EXPECT_EQ(-1, vireo_check_head_rsa(nullptr));
+    });
+    EXPECT_EQ(0, supplied_digest_valid) << "a short digest file supplies nothing";
+    EXPECT_TRUE(has_trace(out, "Failed to get file size, file='" + empty + "'"));
+    EXPECT_TRUE(has_trace(out, "Failed to get file size, file='" + dir.join("missing") + "'"));
+    EXPECT_TRUE(has_trace(out, "Invalid params, (nil)."));
+    bytes tiny(10, 0);
+    out = capture_stdout([&] { EXPECT_EQ(-1, vireo_check_rsa(tiny.data(), 10)); });
+    EXPECT_TRUE(has_trace(out, "Rsa check not pass"));
+}
+
+TEST_F(Integrity, HeadFileCheckReadsTheWholeFile)
+{
+    std::string out =
+        capture_stdout([&] { EXPECT_EQ(0, vireo_check_head_rsa(dir.join("up.bin").c_str())); });
+    EXPECT_TRUE(has_trace(out, "Rsa check pass"));
+}

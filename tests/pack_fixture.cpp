@@ -1,0 +1,49 @@
+#include "pack_fixture.h"
+
+#include "firmware/vireo_firmware_integrity.h"
+
+std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manifest,
+                                   std::string *error)
+{
+    const std::string path = dir.write("manifest.json", manifest);
+    run_result r = run_program(VIREO_PACK_TOOL,
+                               {"build", path, "--key",
+                                std::string(VIREO_KEY_DIR) + "/vireo_test_key_DO_NOT_SHIP.pem",
+                                "-o", dir.join("up.bin")});
+    if (error)
+        *error = r.err;
+    if (r.status != 0)
+        return {};
+    const std::string data = read_file(dir.join("up.bin"));
+    return std::vector<uint8_t>(data.begin(), data.end());
+}
+
+std::string two_image_manifest(const temp_dir &dir)
+{
+    std::string kernel(5000, '\0'), rootfs(3000, '\0');
+    for (size_t i = 0; i < kernel.size(); i++)
+        kernel[i] = static_cast<char>(i * 7 + 1);
+    for (size_t i = 0; i < rootfs.size(); i++)
+        rootfs[i] = static_cast<char>(i * 13 + 5);
+    dir.write("kernel.bin", kernel);
+    dir.write("rootfs.bin", rootfs);
+    dir.write("extra.json", "{\"a\":\"b\"}");
+    return R"({"images": [
+  {"partition-table": {"disk-size": "0x1000000", "partition-table": [
+      {"name": "partition-table", "base": "0x0", "size": "0x10000", "attr": "0x0"},
+      {"name": "kernel", "base": "0x10000", "size": "0x100000", "attr": "0x0"}]},
+   "support-list": [{"model_name": "VR100", "model_version": "1.0", "special_id": "55530000"}],
+   "firmware-info": {"software-version": "1.0.3 Build 20230512 Rel.01234", "firmware-id": "id"},
+   "partitions": [{"name": "kernel", "file": "kernel.bin"}, {"name": "rootfs", "file": "rootfs.bin"}]},
+  {"support-list": [{"model_name": "VR200", "model_version": "2.0", "special_id": "55530000"}],
+   "partitions": [{"name": "kernel", "file": "kernel.bin"},
+                  {"name": "extra", "file": "extra.json", "content-header": true}]}
+]})";
+}
+
+void reset_integrity_state()
+{
+    digest_from_image = 1;
+    supplied_digest_valid = 0;
+    rsa_passed = 0;
+}

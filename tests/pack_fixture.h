@@ -1,0 +1,20 @@
+// Firmware files made by vireo_firmware_pack with the test key, for the tests.
+#pragma once
+
+#include "test_util.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// Writes the manifest into dir, packs it and returns the file's bytes; the file itself
+// is dir/up.bin. Empty (with the tool's message in *error) when packing failed.
+std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manifest,
+                                   std::string *error = nullptr);
+
+// Two images: the first carries partition-table, support-list, firmware-info, kernel and
+// rootfs; the second support-list, the same kernel (shared, pointing back) and extra.
+std::string two_image_manifest(const temp_dir &dir);
+
+// Resets the process-wide state of the integrity checks to that of a new run.
+void reset_integrity_state();

@@ -1,0 +1,22 @@
+// Laying out, digesting and signing a firmware file from a manifest.
+#pragma once
+
+#include "tools/pack/pack_util.h"
+
+#include <string>
+#include <vector>
+
+struct pack_partition {
+    std::string name;
+    bytes content; // as stored, content header included when asked for
+};
+
+struct pack_image {
+    std::vector<pack_partition> partitions;
+};
+
+// Reads a manifest; file paths in it are relative to the manifest's folder.
+std::vector<pack_image> read_manifest(const std::string &path);
+
+// The whole firmware file, digests and signatures made with key.
+bytes build_firmware(const std::vector<pack_image> &images, EVP_PKEY *key);
