@@ -160,6 +160,21 @@ TEST(CommandLine, UpgradeWithoutFileTakesLockThenPrintsUsage)
     EXPECT_NE(std::string::npos, r.out.find(kUsage)) << r.out;
 }
 
+TEST(CommandLine, WorkModeUbiIsExactAndUbiIdIsDecimal)
+{
+    // Each mode's commands trace from their own module.
+    for (const char *mode : {"UBI", "foo", "default"}) {
+        run_result r = tool({"-C", "-w", mode, "-u", "up.bin"});
+        EXPECT_EQ(0u, r.out.find("vireo_firmware:")) << mode << ": " << r.out;
+    }
+    run_result ubi = tool({"-C", "-w", "ubi", "-u", "up.bin"});
+    EXPECT_EQ(0u, ubi.out.find("vireo_ubi:")) << ubi.out;
+    run_result bad_id = tool({"-r", "-p", "abc"});
+    run_result zero_id = tool({"-r", "-p", "0"});
+    EXPECT_EQ(0, bad_id.status);
+    EXPECT_EQ(trace_messages(zero_id.out), trace_messages(bad_id.out)) << "-p abc reads as 0";
+}
+
 TEST(CommandLine, PrecedenceOfCommands)
 {
     // Roll-back outranks check and always exits 0.

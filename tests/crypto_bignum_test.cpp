@@ -93,13 +93,15 @@ TEST(Bignum, ModExpMatchesOpenSslOnRandom1024BitModuli)
         m[0] = static_cast<uint8_t>(top >> 8);
         m[1] = static_cast<uint8_t>(top);
         m[127] |= 1;
-        // Bases: below the modulus, and at or above it with the same digit count.
+        // Bases: below the modulus, equal to it, and the largest of its digit count.
         bytes b = random_bytes(128);
-        if (round % 3 == 0) {
+        if (round % 6 == 0) {
             b = m;
-            b[0] = static_cast<uint8_t>(b[0] | (0x80 >> s));
-            if (round % 6 == 0)
-                b = m; // exactly the modulus
+        } else if (round % 6 == 3) {
+            const uint16_t max_top = static_cast<uint16_t>(0xFFFF >> s);
+            b.assign(128, 0xFF);
+            b[0] = static_cast<uint8_t>(max_top >> 8);
+            b[1] = static_cast<uint8_t>(max_top);
         } else {
             b[0] &= static_cast<uint8_t>(0xFF >> s);
         }

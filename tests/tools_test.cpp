@@ -162,3 +162,15 @@ TEST(Pack, UsageAndHelp)
     EXPECT_EQ(2, pack({"build", "m.json"}).status) << "no key, no output";
     EXPECT_EQ(2, pack({"inspect"}).status);
 }
+
+TEST(Pack, LargeFilesReportProgress)
+{
+    temp_dir dir;
+    dir.write("big.bin", std::string(17u << 20, '\x5a'));
+    std::string error;
+    const std::vector<uint8_t> file = pack_firmware(
+        dir, R"({"images": [{"partitions": [{"name": "ubi", "file": "big.bin"}]}]})", &error);
+    ASSERT_EQ((17u << 20) + FIRMWARE_MIN_SIZE, file.size()) << error;
+    EXPECT_NE(std::string::npos, error.find("vireo_firmware_pack: hashing 16 of 17 MiB")) << error;
+    EXPECT_NE(std::string::npos, error.find("vireo_firmware_pack: writing 17 of 17 MiB"));
+}

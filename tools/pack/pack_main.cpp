@@ -2,7 +2,7 @@
 // vireo_firmware_upgrade.
 #include "crypto/vireo_rsa.h"
 #include "tools/pack/pack_build.h"
-#include "tools/pack/pack_inspect.h"
+#include "tools/pack/pack_readback.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "tools/pack/pack_inspect.h"
+#include "tools/pack/pack_readback.h"
 
 #include "firmware/vireo_firmware_header.h"
 
