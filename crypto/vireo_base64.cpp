@@ -34,12 +34,13 @@ int32_t base64_decode(const char *text, uint32_t text_len, uint8_t *out)
                 return 0;
         const uint32_t bits =
             (sextet(c[0]) << 18) | (sextet(c[1]) << 12) | (sextet(c[2]) << 6) | sextet(c[3]);
+        // Padding ends its own group; the next group is decoded as usual.
         out[n++] = static_cast<uint8_t>(bits >> 16);
         if (c[2] == '=')
-            break;
+            continue;
         out[n++] = static_cast<uint8_t>(bits >> 8);
         if (c[3] == '=')
-            break;
+            continue;
         out[n++] = static_cast<uint8_t>(bits);
     }
     out[n] = '\0';
