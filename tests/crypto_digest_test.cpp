@@ -19,28 +19,33 @@ std::string md5_hex(const std::string &s)
     return vireo_md5_to_hex(text, d);
 }
 
+// Feeds data to a streaming digest in pieces of the given size.
+template <typename Ctx, size_t N>
+bytes in_pieces(const bytes &data, size_t piece, void (*init)(Ctx *),
+                void (*update)(Ctx *, const uint8_t *, uint32_t), void (*final)(Ctx *, uint8_t *))
+{
+    Ctx ctx;
+    init(&ctx);
+    for (size_t off = 0; off < data.size(); off += piece)
+        update(&ctx, data.data() + off, static_cast<uint32_t>(std::min(piece, data.size() - off)));
+    bytes out(N);
+    final(&ctx, out.data());
+    return out;
+}
+
+void md5_final_to(md5_ctx *ctx, uint8_t *out)
+{
+    md5_final(out, ctx);
+}
+
 bytes md5_pieces(const bytes &data, size_t piece)
 {
-    md5_ctx ctx;
-    md5_init(&ctx);
-    for (size_t off = 0; off < data.size(); off += piece)
-        md5_update(&ctx, data.data() + off,
-                   static_cast<uint32_t>(std::min(piece, data.size() - off)));
-    bytes out(16);
-    md5_final(out.data(), &ctx);
-    return out;
+    return in_pieces<md5_ctx, 16>(data, piece, md5_init, md5_update, md5_final_to);
 }
 
 bytes sha1_pieces(const bytes &data, size_t piece)
 {
-    sha1_ctx ctx;
-    sha1_init(&ctx);
-    for (size_t off = 0; off < data.size(); off += piece)
-        sha1_update(&ctx, data.data() + off,
-                    static_cast<uint32_t>(std::min(piece, data.size() - off)));
-    bytes out(20);
-    sha1_final(&ctx, out.data());
-    return out;
+    return in_pieces<sha1_ctx, 20>(data, piece, sha1_init, sha1_update, sha1_final);
 }
 
 std::string hex(const bytes &b)

@@ -217,21 +217,3 @@ TEST(PtnTable, LookupByNameIsExactAndCaseSensitive)
     EXPECT_EQ(1, vireo_ptn_get_index_by_name(r.table.get(), "Boot"));
     EXPECT_EQ(-1, vireo_ptn_get_index_by_name(r.table.get(), "boo"));
 }
-
-TEST(PtnTable, DumpLayout)
-{
-    parse_result r = build(doc({ptn("partition-table", "0x1000", "0x2000")}));
-    ASSERT_TRUE(r.table);
-    const std::string out = capture_stdout([&] { vireo_ptn_dump(r.table.get()); });
-    const std::string dashes104(104, '-');
-    const std::string expected =
-        dashes104 + "\n" +
-        "disk size        : 0x01000000 (dec   16777216).\n"
-        "partition number : 1\n"
-        "\n"
-        "partitions:\n"
-        "index name                           base  size(hex)  size(dec)\n" +
-        std::string(63, '-') + "\n" +
-        "    0 partition-table          0x00001000 0x00002000       8192\n" + dashes104 + "\n";
-    EXPECT_EQ(expected, out);
-}
