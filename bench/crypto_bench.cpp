@@ -7,6 +7,7 @@
 
 #include <benchmark/benchmark.h>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -24,50 +25,52 @@ std::vector<uint8_t> buffer(size_t n)
     return b;
 }
 
-void ours_md5(benchmark::State &state)
+// Throughput of one digest function over a buffer of state.range(0) bytes.
+template <size_t N>
+void digest_throughput(benchmark::State &state,
+                       const std::function<void(const uint8_t *, size_t, uint8_t *)> &digest)
 {
     const auto data = buffer(static_cast<size_t>(state.range(0)));
-    uint8_t out[16];
+    uint8_t out[N];
     for (auto _ : state) {
-        vireo_md5(data.data(), static_cast<uint32_t>(data.size()), out);
+        digest(data.data(), data.size(), out);
         benchmark::DoNotOptimize(out);
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+void openssl_digest(const EVP_MD *md, const uint8_t *p, size_t n, uint8_t *out)
+{
+    unsigned int len;
+    EVP_Digest(p, n, out, &len, md, nullptr);
+}
+
+void ours_md5(benchmark::State &state)
+{
+    digest_throughput<16>(state, [](const uint8_t *p, size_t n, uint8_t *out) {
+        vireo_md5(p, static_cast<uint32_t>(n), out);
+    });
 }
 
 void openssl_md5(benchmark::State &state)
 {
-    const auto data = buffer(static_cast<size_t>(state.range(0)));
-    uint8_t out[16];
-    unsigned int len;
-    for (auto _ : state) {
-        EVP_Digest(data.data(), data.size(), out, &len, EVP_md5(), nullptr);
-        benchmark::DoNotOptimize(out);
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+    digest_throughput<16>(state, [](const uint8_t *p, size_t n, uint8_t *out) {
+        openssl_digest(EVP_md5(), p, n, out);
+    });
 }
 
 void ours_sha1(benchmark::State &state)
 {
-    const auto data = buffer(static_cast<size_t>(state.range(0)));
-    uint8_t out[20];
-    for (auto _ : state) {
-        sha1(data.data(), static_cast<uint32_t>(data.size()), out);
-        benchmark::DoNotOptimize(out);
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+    digest_throughput<20>(state, [](const uint8_t *p, size_t n, uint8_t *out) {
+        sha1(p, static_cast<uint32_t>(n), out);
+    });
 }
 
 void openssl_sha1(benchmark::State &state)
 {
-    const auto data = buffer(static_cast<size_t>(state.range(0)));
-    uint8_t out[20];
-    unsigned int len;
-    for (auto _ : state) {
-        EVP_Digest(data.data(), data.size(), out, &len, EVP_sha1(), nullptr);
-        benchmark::DoNotOptimize(out);
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+    digest_throughput<20>(state, [](const uint8_t *p, size_t n, uint8_t *out) {
+        openssl_digest(EVP_sha1(), p, n, out);
+    });
 }
 
 struct signed_digest {

@@ -73,38 +73,33 @@ bytes ref_rsa_blob(EVP_PKEY *key)
     return blob;
 }
 
-bytes ref_rsa_sign_sha1(EVP_PKEY *key, const bytes &data)
+// The private-key operation with the given padding, and SHA-1 as the signed hash's
+// algorithm when md is given; big-endian output.
+static bytes private_op(EVP_PKEY *key, const bytes &input, int padding, const EVP_MD *md)
 {
-    const bytes h = ref_sha1(data);
     std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr),
                                                                     EVP_PKEY_CTX_free);
     size_t len = 0;
     if (EVP_PKEY_sign_init(ctx.get()) != 1 ||
-        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
-        EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha1()) != 1 ||
-        EVP_PKEY_sign(ctx.get(), nullptr, &len, h.data(), h.size()) != 1)
+        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding) != 1 ||
+        (md && EVP_PKEY_CTX_set_signature_md(ctx.get(), md) != 1) ||
+        EVP_PKEY_sign(ctx.get(), nullptr, &len, input.data(), input.size()) != 1)
         throw std::runtime_error("sign init");
     bytes sig(len);
-    if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, h.data(), h.size()) != 1)
+    if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, input.data(), input.size()) != 1)
         throw std::runtime_error("sign");
     sig.resize(len);
     return sig;
 }
 
+bytes ref_rsa_sign_sha1(EVP_PKEY *key, const bytes &data)
+{
+    return private_op(key, ref_sha1(data), RSA_PKCS1_PADDING, EVP_sha1());
+}
+
 bytes ref_rsa_raw_private(EVP_PKEY *key, const bytes &em)
 {
-    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr),
-                                                                    EVP_PKEY_CTX_free);
-    size_t len = 0;
-    if (EVP_PKEY_sign_init(ctx.get()) != 1 ||
-        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_NO_PADDING) != 1 ||
-        EVP_PKEY_sign(ctx.get(), nullptr, &len, em.data(), em.size()) != 1)
-        throw std::runtime_error("raw init");
-    bytes sig(len);
-    if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, em.data(), em.size()) != 1)
-        throw std::runtime_error("raw sign");
-    sig.resize(len);
-    return sig;
+    return private_op(key, em, RSA_NO_PADDING, nullptr);
 }
 
 bytes reversed(bytes b)
