@@ -6,13 +6,42 @@
 
 static const char VIREO_MODULE[] = "vireo_common";
 
-void vireo_trace(const char *module, int line, const char *func, const char *fmt, ...)
+static void trace_v(const char *module, int line, const char *func, const char *fmt, va_list ap)
 {
     printf("%s:%d: [TRACE]%s() | ", module, line, func);
+    vprintf(fmt, ap);
+}
+
+void vireo_trace(const char *module, int line, const char *func, const char *fmt, ...)
+{
     va_list ap;
     va_start(ap, fmt);
-    vprintf(fmt, ap);
+    trace_v(module, line, func, fmt, ap);
     va_end(ap);
+}
+
+void vireo_trace_at(const vireo_trace_site &site, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    trace_v(site.module, site.line, site.func, fmt, ap);
+    va_end(ap);
+}
+
+std::string vireo_strf(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    const int n = vsnprintf(nullptr, 0, fmt, ap);
+    va_end(ap);
+    if (n < 0)
+        return {};
+    std::string out(static_cast<size_t>(n) + 1, '\0');
+    va_start(ap, fmt);
+    vsnprintf(&out[0], out.size(), fmt, ap);
+    va_end(ap);
+    out.resize(static_cast<size_t>(n));
+    return out;
 }
 
 void vireo_assert_fail(const char *what, const char *file, int line)
@@ -73,6 +102,34 @@ vireo_json_member vireo_json_string_member(const cJSON *obj, const char *key, co
         return VIREO_MEMBER_NOT_STRING;
     *out = item->valuestring;
     return VIREO_MEMBER_OK;
+}
+
+int32_t vireo_json_copy_text(const cJSON *obj, const char *key, char *dst, size_t size,
+                             const char *fallback)
+{
+    const char *text = nullptr;
+    switch (vireo_json_string_member(obj, key, &text)) {
+    case VIREO_MEMBER_ABSENT:
+        if (fallback) {
+            text = fallback;
+            break;
+        }
+        VIREO_TRACE("json '%s' not found.\n", key);
+        return -1;
+    case VIREO_MEMBER_NOT_STRING:
+        VIREO_TRACE("json '%s' must be String type.\n", key);
+        return -1;
+    case VIREO_MEMBER_OK:
+        break;
+    }
+    const size_t len = strlen(text);
+    if (len >= size) {
+        VIREO_TRACE("json '%s' string len too long, '%s', %d/%d\n", key, text,
+                    static_cast<int>(len), static_cast<int>(size));
+        return -1;
+    }
+    memcpy(dst, text, len + 1);
+    return 0;
 }
 
 void vireo_print_line(char c, int n)

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string>
 
 // Each source file defines its module name before using VIREO_TRACE:
 //   static const char VIREO_MODULE[] = "vireo_ptn";
@@ -13,6 +14,17 @@ void vireo_trace(const char *module, int line, const char *func, const char *fmt
     __attribute__((format(printf, 4, 5)));
 
 #define VIREO_TRACE(...) vireo_trace(VIREO_MODULE, __LINE__, __func__, __VA_ARGS__)
+
+// Where a trace is reported from. A shared helper that traces on its caller's behalf
+// takes the caller's site, so the line names the caller's module and function.
+struct vireo_trace_site {
+    const char *module;
+    const char *func;
+    int line;
+};
+#define VIREO_SITE() (vireo_trace_site{VIREO_MODULE, __func__, __LINE__})
+void vireo_trace_at(const vireo_trace_site &site, const char *fmt, ...)
+    __attribute__((format(printf, 2, 3)));
 
 // Progress mark used next to trace lines by the boot-flag records.
 #define VIREO_PROGRESS() printf("[%s]%d\n", __func__, __LINE__)
@@ -41,7 +53,17 @@ enum vireo_json_member { VIREO_MEMBER_OK = 0, VIREO_MEMBER_ABSENT, VIREO_MEMBER_
 // Looks up a string member (case-insensitive key); *out is set only when OK.
 vireo_json_member vireo_json_string_member(const cJSON *obj, const char *key, const char **out);
 
+// Copies the string member key of obj into dst, a field of size bytes with its NUL.
+// 0 on success; -1 (traced) when the member is absent, not a string or longer than
+// size - 1 characters: a text that does not fit is rejected, never cut. With fallback
+// given, an absent member stores the fallback instead.
+int32_t vireo_json_copy_text(const cJSON *obj, const char *key, char *dst, size_t size,
+                             const char *fallback = nullptr);
+
 using cjson_ptr = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
+
+// printf into a new string (empty when formatting fails).
+std::string vireo_strf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // Prints c n times and a newline (separator lines of dumps).
 void vireo_print_line(char c, int n);

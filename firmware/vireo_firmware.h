@@ -1,5 +1,10 @@
-// Commands of work mode "default": check and install a firmware file on raw MTD flash.
+// Commands of work mode "default": check and install a firmware file on raw MTD flash,
+// and the steps they are made of.
 #pragma once
+
+#include "firmware/vireo_firmware_header.h"
+#include "firmware/vireo_firmware_up_ptn_table.h"
+#include "ptn/vireo_ptn.h"
 
 #include <cstdint>
 
@@ -7,3 +12,21 @@
 int32_t vireo_firmware_check(const char *up_path);
 // 0 when an image of the file was installed, else -1.
 int32_t vireo_firmware_upgrade(const char *up_path);
+
+// Whether the image may be installed: its support list names this device.
+bool vireo_firmware_check_upgradable(const ptn_table *ptn_table, const firmware_header *header,
+                                     const up_ptn_table *up_ptn_table,
+                                     const vireo_payload &payload);
+
+// The device's partition table, from its "partition-table" MTD partition.
+ptn_table *vireo_fireware_build_ptn_table_by_flash();
+// The image's partition table, from its "partition-table" entry.
+ptn_table *vireo_firmware_get_ptn_table(const up_ptn_table *up_ptn_table,
+                                        const vireo_payload &payload);
+// Copies every partition that moves from its old place to its new one; 0 / -1.
+int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_table *new_table);
+// 1 when the tables differ (order of entries aside), else 0.
+int32_t vireo_firmware_ptn_table_changed(const ptn_table *table_a, const ptn_table *table_b);
+
+// The unit of every flash write.
+#define MTD_WRITE_BLOCK_SIZE 2048

@@ -1,14 +1,37 @@
 #include "firmware/vireo_firmware.h"
 
 #include "common/vireo_common.h"
+#include "firmware/vireo_firmware_walk.h"
 
 static const char VIREO_MODULE[] = "vireo_firmware";
 
 int32_t vireo_firmware_check(const char *up_path)
 {
-    VIREO_TRACE("raw-flash check of '%s' is not available in this build.\n",
-                up_path ? up_path : "(none)");
-    return -1;
+    if (!up_path) {
+        VIREO_TRACE("Invalid param, %p.\n", static_cast<const void *>(up_path));
+        return -1;
+    }
+    std::unique_ptr<ptn_table, decltype(&vireo_ptn_destroy)> flash(
+        vireo_fireware_build_ptn_table_by_flash(), vireo_ptn_destroy);
+    if (!flash) {
+        VIREO_TRACE("Failed to build ptn_table of flash\n");
+        return -1;
+    }
+    vireo_ptn_dump(flash.get());
+    vireo_mapping map;
+    if (vireo_firmware_map(VIREO_SITE(), up_path, &map) != 0)
+        return -1;
+    vireo_walk_result found;
+    const auto fits = [&](const firmware_header *header, up_ptn_table *table,
+                          const vireo_payload &payload) {
+        return vireo_firmware_check_upgradable(flash.get(), header, table, payload);
+    };
+    if (vireo_firmware_walk(VIREO_SITE(), map.data, map.size,
+                            "Firmware is not allowed to upgrade into this device.\n", fits,
+                            &found) != 0)
+        return -1;
+    VIREO_TRACE("Firmware is upgradable for this DEVICE. \n");
+    return 0;
 }
 
 int32_t vireo_firmware_upgrade(const char *up_path)

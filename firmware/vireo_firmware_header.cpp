@@ -10,12 +10,12 @@
 
 static const char VIREO_MODULE[] = "vireo_firmware";
 
-int32_t vireo_firmware_header_parse(uint8_t *buf, int32_t buf_size, firmware_header *header,
+int32_t vireo_firmware_header_parse(const uint8_t *buf, int32_t buf_size, firmware_header *header,
                                     int32_t mode)
 {
     if (!buf || buf_size <= 0 || !header) {
         VIREO_TRACE("Invalid pass-in params. buf %p buf_size %d firmware_header %p\n",
-                    static_cast<void *>(buf), buf_size, static_cast<void *>(header));
+                    static_cast<const void *>(buf), buf_size, static_cast<void *>(header));
         return -1;
     }
     if (buf_size < FIRMWARE_MIN_SIZE) {
@@ -72,10 +72,10 @@ int32_t vireo_firmware_header_parse(uint8_t *buf, int32_t buf_size, firmware_hea
     return 0;
 }
 
-firmware_header *vireo_firmware_header_build(uint8_t *buf, int32_t buf_size)
+firmware_header *vireo_firmware_header_build(const uint8_t *buf, int32_t buf_size)
 {
     if (!buf || buf_size <= 0) {
-        VIREO_TRACE("Invalid pass-in args, (%p,%d)\n", static_cast<void *>(buf), buf_size);
+        VIREO_TRACE("Invalid pass-in args, (%p,%d)\n", static_cast<const void *>(buf), buf_size);
         return nullptr;
     }
     firmware_header *header = static_cast<firmware_header *>(malloc(sizeof(firmware_header)));

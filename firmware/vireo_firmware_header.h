@@ -42,10 +42,10 @@ struct firmware_header {
 static_assert(sizeof(firmware_header) == FIRMWARE_HEADER_SIZE, "header record size");
 
 // Mode 1 verifies the signature, any other mode md5_digest. 0 valid, -1 otherwise.
-int32_t vireo_firmware_header_parse(uint8_t *buf, int32_t buf_size, firmware_header *header,
+int32_t vireo_firmware_header_parse(const uint8_t *buf, int32_t buf_size, firmware_header *header,
                                     int32_t mode);
 // A new header parsed in signature mode, or none. Release with free().
-firmware_header *vireo_firmware_header_build(uint8_t *buf, int32_t buf_size);
+firmware_header *vireo_firmware_header_build(const uint8_t *buf, int32_t buf_size);
 
 // The next image of the chain after the one at offset: 1 with *next set, 0 at the end of
 // the chain, -1 (traced) when nextpos does not move forward or lies past the file.

@@ -6,7 +6,10 @@
 #include "crypto/vireo_rsa.h"
 #include "firmware/vireo_firmware_header.h"
 
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 #include <vector>
 
 static const char VIREO_MODULE[] = "vireo_firmware";
@@ -16,90 +19,202 @@ uint8_t supplied_digest[16];
 uint8_t supplied_digest_valid = 0;
 uint32_t rsa_passed = 0;
 
-int32_t vireo_check_rsa(uint8_t *buf, uint32_t size)
+#define SIGNATURE_END (FIRMWARE_SIGNATURE_OFFSET + FIRMWARE_SIGNATURE_SIZE)
+// Chunk in which -t reads its file.
+#define HEAD_READ_CHUNK 65536
+
+namespace
 {
-    if (rsa_passed)
-        return 0;
-    // The signature field must be there to be read and zeroed.
-    if (!buf || size < FIRMWARE_SIGNATURE_OFFSET + FIRMWARE_SIGNATURE_SIZE) {
-        VIREO_TRACE("firmware too short for a signature: %u bytes.\n", size);
-        VIREO_TRACE("Rsa check not pass\n\n");
-        return -1;
-    }
-    uint8_t *field = buf + FIRMWARE_SIGNATURE_OFFSET;
-    uint8_t saved[FIRMWARE_SIGNATURE_SIZE];
-    memcpy(saved, field, sizeof(saved));
-    memset(field, 0, sizeof(saved));
 
-    uint8_t digest[16];
-    if (digest_from_image) {
-        vireo_md5(buf + FIRMWARE_SIGNED_FROM, size - FIRMWARE_SIGNED_FROM, digest);
-    } else if (supplied_digest_valid) {
-        memcpy(digest, supplied_digest, sizeof(digest));
-    } else {
-        VIREO_TRACE("no md5 Rsa check not pass\n\n");
-        memcpy(field, saved, sizeof(saved));
-        return -1;
+// Feeds the signed bytes at file offset pos, len bytes, to the digest: the bytes before
+// offset 20 are not signed and the signature field counts as zeros.
+void digest_signed(md5_ctx *ctx, uint64_t pos, const uint8_t *data, uint64_t len)
+{
+    static const uint8_t zeros[FIRMWARE_SIGNATURE_SIZE] = {};
+    const uint64_t end = pos + len;
+    // The three signed stretches: [20, 304), the zeroed field, [432, end).
+    const uint64_t cuts[4] = {FIRMWARE_SIGNED_FROM, FIRMWARE_SIGNATURE_OFFSET, SIGNATURE_END, end};
+    for (int i = 0; i < 3; i++) {
+        const uint64_t from = pos > cuts[i] ? pos : cuts[i];
+        const uint64_t to = end < cuts[i + 1] ? end : cuts[i + 1];
+        if (from >= to)
+            continue;
+        if (i == 1)
+            md5_update(ctx, zeros + (from - cuts[i]), static_cast<uint32_t>(to - from));
+        else
+            md5_update(ctx, data + (from - pos), static_cast<uint32_t>(to - from));
     }
-
-    const int32_t valid = rsa_verify_base64_key(builtin_public_key, builtin_public_key_len, digest,
-                                                sizeof(digest), saved, sizeof(saved));
-    if (valid) {
-        VIREO_TRACE("Rsa check pass\n\n");
-        rsa_passed = 1;
-    } else {
-        VIREO_TRACE("Rsa check not pass\n\n");
-    }
-    memcpy(field, saved, sizeof(saved));
-    return valid ? 0 : -1;
 }
 
-// Reads a whole file for -t and -m; empty (traced) on any failure.
-static std::vector<uint8_t> read_whole(const char *path)
+// The digest the signature is checked over: computed (by compute) or supplied by -m.
+// -1 when -m gave none.
+template <typename Compute>
+int32_t choose_digest(uint8_t digest[16], Compute compute)
+{
+    if (digest_from_image)
+        return compute(digest);
+    if (supplied_digest_valid) {
+        memcpy(digest, supplied_digest, 16);
+        return 0;
+    }
+    VIREO_TRACE("no md5 Rsa check not pass\n\n");
+    return -1;
+}
+
+int32_t verify(const vireo_trace_site &site, const uint8_t signature[FIRMWARE_SIGNATURE_SIZE],
+               const uint8_t digest[16])
+{
+    const int32_t valid = rsa_verify_base64_key(builtin_public_key, builtin_public_key_len, digest,
+                                                16, signature, FIRMWARE_SIGNATURE_SIZE);
+    if (valid) {
+        vireo_trace_at(site, "Rsa check pass\n\n");
+        rsa_passed = 1;
+        return 0;
+    }
+    vireo_trace_at(site, "Rsa check not pass\n\n");
+    return -1;
+}
+
+void trace_too_short(uint64_t size)
+{
+    VIREO_TRACE("firmware too short for a signature: %u bytes.\n", static_cast<uint32_t>(size));
+    VIREO_TRACE("Rsa check not pass\n\n");
+}
+
+// Reads exactly len bytes (fewer only at the end of the file); -1 on a read error.
+ssize_t read_full(int fd, uint8_t *buf, size_t len)
+{
+    size_t done = 0;
+    while (done < len) {
+        const ssize_t n = read(fd, buf + done, len - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+struct fd_closer {
+    int fd;
+    ~fd_closer()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+// Opens a file for -t or -m and takes its size; -1 (traced) on failure.
+int open_input(const char *path, int32_t *size)
 {
     if (!path) {
         VIREO_TRACE("Invalid params, %p.\n", static_cast<const void *>(path));
-        return {};
+        return -1;
     }
-    const int32_t size = vireo_file_get_size(path);
-    if (size <= 0) {
+    *size = vireo_file_get_size(path);
+    if (*size <= 0) {
         VIREO_TRACE("Failed to get file size, file='%s'\n", path);
-        return {};
+        return -1;
     }
-    std::vector<uint8_t> buf;
-    try {
-        buf.assign(static_cast<size_t>(size), 0);
-    } catch (...) {
-        VIREO_TRACE("Failed to alloc %d bytes memory\n", size);
-        return {};
-    }
-    if (vireo_file_read(path, buf.data(), size, nullptr) != 0) {
+    const int fd = open(path, O_RDONLY);
+    if (fd < 0)
         VIREO_TRACE("Failed to read file '%s'\n", path);
-        return {};
+    return fd;
+}
+
+} // namespace
+
+int32_t vireo_check_rsa(const uint8_t *buf, uint32_t size)
+{
+    if (rsa_passed)
+        return 0;
+    if (!buf || size < SIGNATURE_END) {
+        trace_too_short(size);
+        return -1;
     }
-    return buf;
+    uint8_t digest[16];
+    if (choose_digest(digest, [&](uint8_t out[16]) {
+            md5_ctx ctx;
+            md5_init(&ctx);
+            digest_signed(&ctx, 0, buf, size);
+            md5_final(out, &ctx);
+            return 0;
+        }) != 0)
+        return -1;
+    return verify(VIREO_SITE(), buf + FIRMWARE_SIGNATURE_OFFSET, digest);
 }
 
 int32_t vireo_check_head_rsa(const char *path)
 {
-    std::vector<uint8_t> buf = read_whole(path);
-    if (buf.empty())
+    int32_t size = 0;
+    fd_closer file{open_input(path, &size)};
+    if (file.fd < 0)
         return -1;
-    return vireo_check_rsa(buf.data(), static_cast<uint32_t>(buf.size()));
+    std::vector<uint8_t> chunk(HEAD_READ_CHUNK);
+    // The first chunk holds the signature field whenever the file does.
+    const ssize_t first = read_full(file.fd, chunk.data(), chunk.size());
+    if (first < 0) {
+        VIREO_TRACE("Failed to read file '%s'\n", path);
+        return -1;
+    }
+    if (rsa_passed)
+        return 0;
+    if (first < SIGNATURE_END) {
+        trace_too_short(static_cast<uint64_t>(first));
+        return -1;
+    }
+    uint8_t signature[FIRMWARE_SIGNATURE_SIZE];
+    memcpy(signature, chunk.data() + FIRMWARE_SIGNATURE_OFFSET, sizeof(signature));
+    uint8_t digest[16];
+    if (choose_digest(digest, [&](uint8_t out[16]) {
+            md5_ctx ctx;
+            md5_init(&ctx);
+            uint64_t pos = 0;
+            ssize_t got = first;
+            // Only the size taken at the start is read: a file that grows meanwhile
+            // does not make the check run on.
+            while (got > 0) {
+                const uint64_t want = static_cast<uint64_t>(size) - pos;
+                const uint64_t use = static_cast<uint64_t>(got) < want ? got : want;
+                digest_signed(&ctx, pos, chunk.data(), use);
+                pos += use;
+                if (pos >= static_cast<uint64_t>(size))
+                    break;
+                got = read_full(file.fd, chunk.data(), chunk.size());
+            }
+            if (got < 0 || pos != static_cast<uint64_t>(size)) {
+                VIREO_TRACE("Failed to read file '%s'\n", path);
+                return -1;
+            }
+            md5_final(out, &ctx);
+            return 0;
+        }) != 0)
+        return -1;
+    return verify(VIREO_SITE(), signature, digest);
 }
 
 int32_t vireo_check_md5(const char *path)
 {
-    std::vector<uint8_t> buf = read_whole(path);
-    if (buf.empty())
+    int32_t size = 0;
+    fd_closer file{open_input(path, &size)};
+    if (file.fd < 0)
         return -1;
-    // Fewer than 16 bytes is no digest: nothing is supplied.
-    if (buf.size() < sizeof(supplied_digest)) {
-        VIREO_TRACE("digest file '%s' holds %d bytes, a digest is %d.\n", path,
-                    static_cast<int>(buf.size()), static_cast<int>(sizeof(supplied_digest)));
+    uint8_t digest[sizeof(supplied_digest)];
+    const ssize_t got = read_full(file.fd, digest, sizeof(digest));
+    if (got < 0) {
+        VIREO_TRACE("Failed to read file '%s'\n", path);
         return -1;
     }
-    memcpy(supplied_digest, buf.data(), sizeof(supplied_digest));
+    // Fewer than 16 bytes is no digest: nothing is supplied.
+    if (got < static_cast<ssize_t>(sizeof(digest))) {
+        VIREO_TRACE("digest file '%s' holds %d bytes, a digest is %d.\n", path,
+                    static_cast<int>(got), static_cast<int>(sizeof(digest)));
+        return -1;
+    }
+    memcpy(supplied_digest, digest, sizeof(supplied_digest));
     supplied_digest_valid = 1;
     return 0;
 }

@@ -13,8 +13,10 @@ extern uint8_t supplied_digest_valid;
 extern uint32_t rsa_passed;
 
 // 0 when the signature of the image at buf is valid (now or earlier in the run), else -1.
-int32_t vireo_check_rsa(uint8_t *buf, uint32_t size);
-// -t FILE: the result of vireo_check_rsa on the whole file; -1 on any input failure.
+// The buffer is only read: the signature field counts as zeros in the digest.
+int32_t vireo_check_rsa(const uint8_t *buf, uint32_t size);
+// -t FILE: the verdict of vireo_check_rsa on the whole file, read in chunks so that memory
+// stays the same whatever the file's size; -1 on any input failure.
 int32_t vireo_check_head_rsa(const char *path);
 // -m FILE: reads a raw 16-byte digest; 0 when read, -1 on any input failure.
 int32_t vireo_check_md5(const char *path);

@@ -163,3 +163,29 @@ const uint8_t *vireo_firmware_ptn_content(const uint8_t *file, uint32_t file_siz
     }
     return file + start;
 }
+
+int32_t vireo_firmware_payload(const uint8_t *file, uint32_t file_size, uint32_t image_offset,
+                               const firmware_header *header, vireo_payload *payload)
+{
+    VIREO_ASSERT(file);
+    VIREO_ASSERT(header);
+    VIREO_ASSERT(payload);
+    const uint64_t start =
+        static_cast<uint64_t>(image_offset) + header->header_len + UP_PTN_TABLE_SIZE;
+    const uint64_t end = static_cast<uint64_t>(image_offset) + header->total_len;
+    if (start > end || end > file_size) {
+        VIREO_TRACE("payload of the image at %u lies outside the firmware file (%u bytes).\n",
+                    image_offset, file_size);
+        return -1;
+    }
+    payload->file = file;
+    payload->file_size = file_size;
+    payload->offset = static_cast<uint32_t>(start);
+    payload->len = static_cast<uint32_t>(end - start);
+    return 0;
+}
+
+const uint8_t *vireo_payload_content(const vireo_payload &payload, const up_ptn_info *entry)
+{
+    return vireo_firmware_ptn_content(payload.file, payload.file_size, payload.offset, entry);
+}

@@ -35,3 +35,24 @@ void vireo_firmware_up_ptn_table_destroy(up_ptn_table *table);
 // byte of it would lie outside the file. Every reader of partition contents uses it.
 const uint8_t *vireo_firmware_ptn_content(const uint8_t *file, uint32_t file_size,
                                           uint32_t payload_offset, const up_ptn_info *entry);
+
+// An image's payload inside the firmware file held in memory. Contents are located from
+// it and checked against the whole file, so a negative base may reach an earlier image
+// but never before the file.
+struct vireo_payload {
+    const uint8_t *file;
+    uint32_t file_size;
+    uint32_t offset; // of the payload's first byte in the file
+    uint32_t len;    // total_len - header_len - 65536
+    const uint8_t *start() const
+    {
+        return file + offset;
+    }
+};
+
+// The payload of the image at image_offset whose header is header; 0, or -1 (traced)
+// when it does not lie inside the file.
+int32_t vireo_firmware_payload(const uint8_t *file, uint32_t file_size, uint32_t image_offset,
+                               const firmware_header *header, vireo_payload *payload);
+// The content of entry in that payload, or none (traced) when it lies outside the file.
+const uint8_t *vireo_payload_content(const vireo_payload &payload, const up_ptn_info *entry);

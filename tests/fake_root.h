@@ -9,11 +9,16 @@
 struct fake_root : temp_dir {
     fake_root();
     ~fake_root();
-    // MTD partition i: its sysfs name file, and /dev/mtd<i> and /dev/mtdblock<i> as
-    // regular files of size bytes of 0xFF.
-    void mtd(int i, const std::string &name, size_t size = 0);
+    // MTD partition i: its sysfs name file, /dev/mtd<i> holding content padded with 0xFF
+    // to size bytes (at least the content), and /dev/mtdblock<i>, the same bytes.
+    void mtd(int i, const std::string &name, size_t size = 0, const std::string &content = "");
     // Volume vol of UBI device dev: its sysfs name file and /dev/ubi<dev>_<vol>.
     void ubi_volume(int dev, int vol, const std::string &name, const std::string &content = "");
     // The fixed path under this root.
     std::string at(const std::string &fixed) const;
+    // The bytes of a fixed path under this root.
+    std::string bytes(const std::string &fixed) const;
 };
+
+// A record document behind its 16-byte content header.
+std::string with_content_header(const std::string &doc);

@@ -1,5 +1,6 @@
 #include "openssl_ref.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
@@ -113,4 +114,14 @@ bytes from_hex(const std::string &hex)
     for (size_t i = 0; i + 1 < hex.size(); i += 2)
         out.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
     return out;
+}
+
+void resign_firmware(std::vector<uint8_t> &file)
+{
+    bytes signed_part(file.begin() + 20, file.end());
+    std::fill(signed_part.begin() + (304 - 20), signed_part.begin() + (432 - 20), 0);
+    pkey_ptr key =
+        ref_rsa_load_private(std::string(VIREO_KEY_DIR) + "/vireo_test_key_DO_NOT_SHIP.pem");
+    const bytes sig = reversed(ref_rsa_sign_sha1(key.get(), ref_md5(signed_part)));
+    std::copy(sig.begin(), sig.end(), file.begin() + 304);
 }

@@ -28,3 +28,7 @@ bytes ref_rsa_raw_private(EVP_PKEY *key, const bytes &em);
 // Big-endian byte helpers.
 bytes reversed(bytes b);
 bytes from_hex(const std::string &hex);
+
+// Signs a firmware file again with the test key after a test changed it: the signature
+// covers bytes 20 to the end with the signature field zeroed.
+void resign_firmware(std::vector<uint8_t> &file);

@@ -1,0 +1,196 @@
+#include "common/vireo_common.h"
+#include "common/vireo_device.h"
+#include "common/vireo_endian.h"
+#include "common/vireo_file.h"
+#include "common/vireo_platform.h"
+#include "firmware/vireo_firmware.h"
+#include "ptn/vireo_ptn_header.h"
+#include "ptn/vireo_ptn_record.h"
+
+#include <cstring>
+#include <vector>
+
+static const char VIREO_MODULE[] = "vireo_firmware";
+
+// Only the first 64 KiB of the device's "partition-table" partition are read.
+#define PTN_TABLE_READ_SIZE 65536
+
+ptn_table *vireo_fireware_build_ptn_table_by_flash()
+{
+    char path[128];
+    if (vireo_get_mtdpath_by_partition_name("partition-table", path) != 0)
+        return nullptr;
+    VIREO_TRACE("mtd_path:%s\n", path);
+    vireo_record_words words;
+    words.alloc_failed = vireo_strf("alloc %d bytes failed.\n", PTN_TABLE_READ_SIZE);
+    words.read_failed = "failed to read ptn_table content.\n";
+    words.invalid = vireo_strf("%s is not a valid partition.\n", path);
+    words.no_content = "failed to get ptn_table content.\n";
+    vireo_record rec;
+    if (vireo_record_read(VIREO_SITE(), path, PTN_TABLE_READ_SIZE, VIREO_READ_FROM_START, words,
+                          &rec) != VIREO_RECORD_OK)
+        return nullptr;
+    ptn_table *table = vireo_ptn_build_by_json_data(rec.text(), rec.length);
+    if (!table)
+        VIREO_TRACE("failed to build ptn_table struct.\n");
+    return table;
+}
+
+ptn_table *vireo_firmware_get_ptn_table(const up_ptn_table *up_table, const vireo_payload &payload)
+{
+    VIREO_ASSERT(up_table);
+    vireo_firmware_up_ptn_table_dump(up_table);
+    const up_ptn_info *entry = nullptr;
+    for (uint32_t i = 0; i < up_table->ptn_cnt && i < UP_PTN_MAX_NUM && !entry; i++)
+        if (strcmp(up_table->ptns[i].name, "partition-table") == 0)
+            entry = &up_table->ptns[i];
+    if (!entry)
+        return nullptr;
+    const uint8_t *data = vireo_payload_content(payload, entry);
+    if (!data)
+        return nullptr;
+    const char *text = reinterpret_cast<const char *>(data);
+    const int32_t size = static_cast<int32_t>(entry->size);
+    if (size < PTN_HEADER_SIZE) {
+        VIREO_TRACE("%s", "");
+        return vireo_ptn_build_by_json_data(text, size);
+    }
+    ptn_header h;
+    h.magic_0 = vireo_get_be32(data);
+    h.magic_1 = vireo_get_be32(data + 4);
+    h.length = vireo_get_be32(data + 8);
+    h.checksum = vireo_get_be32(data + 12);
+    vireo_ptn_header_dump(&h);
+    // A header is believed only when it accounts for the entry's bytes exactly.
+    if (h.magic_0 == PTN_HEADER_MAGIC_0 && h.magic_1 == PTN_HEADER_MAGIC_1 &&
+        static_cast<uint64_t>(h.length) + PTN_HEADER_SIZE == entry->size)
+        return vireo_ptn_build_by_json_data(text + PTN_HEADER_SIZE, static_cast<int32_t>(h.length));
+    return vireo_ptn_build_by_json_data(text, size);
+}
+
+namespace
+{
+
+// What a moved partition carries: never more than its new extent holds.
+uint32_t move_length(const ptn_info &old_ptn, const ptn_info &new_ptn)
+{
+    return old_ptn.size < new_ptn.size ? old_ptn.size : new_ptn.size;
+}
+
+const ptn_info *old_entry(const ptn_table *old_table, const ptn_info &new_ptn)
+{
+    const int32_t j = vireo_ptn_get_index_by_name(old_table, new_ptn.name);
+    return j < 0 ? nullptr : &old_table->ptns[j];
+}
+
+bool moves(const ptn_info *old_ptn, const ptn_info &new_ptn)
+{
+    return old_ptn && (old_ptn->base != new_ptn.base || old_ptn->size != new_ptn.size);
+}
+
+// Reads the old place of every partition that moves, before the first write, so each
+// copy carries the flash as it was whatever the order and overlap of the moves.
+// snapshot[i] holds entry i of the new table (empty when it does not move).
+int32_t take_snapshot(const char *flash, const ptn_table *old_table, const ptn_table *new_table,
+                      std::vector<std::vector<uint8_t>> *snapshot)
+{
+    const int32_t flash_size = vireo_file_get_size(flash);
+    if (flash_size < 1) {
+        VIREO_TRACE("Failed to get flash size, path='%s'\n", flash);
+        return -1;
+    }
+    uint64_t total = 0;
+    for (uint32_t i = 0; i < new_table->ptn_cnt; i++) {
+        const ptn_info *o = old_entry(old_table, new_table->ptns[i]);
+        if (moves(o, new_table->ptns[i]))
+            total += move_length(*o, new_table->ptns[i]);
+    }
+    try {
+        snapshot->assign(new_table->ptn_cnt, {});
+        for (uint32_t i = 0; i < new_table->ptn_cnt; i++) {
+            const ptn_info *o = old_entry(old_table, new_table->ptns[i]);
+            if (moves(o, new_table->ptns[i]))
+                (*snapshot)[i].resize(move_length(*o, new_table->ptns[i]));
+        }
+    } catch (...) {
+        VIREO_TRACE("Failed to alloc %d bytes memory.\n", static_cast<int>(total));
+        return -1;
+    }
+    for (uint32_t i = 0; i < new_table->ptn_cnt; i++) {
+        std::vector<uint8_t> &copy = (*snapshot)[i];
+        if (copy.empty())
+            continue;
+        const ptn_info *o = old_entry(old_table, new_table->ptns[i]);
+        uint32_t got = 0;
+        if (o->base > INT32_MAX ||
+            vireo_file_read_by_offset(flash, static_cast<int32_t>(o->base), copy.data(),
+                                      static_cast<int32_t>(copy.size()), &got) != 0 ||
+            got != copy.size()) {
+            VIREO_TRACE("Failed to read flash content.\n");
+            return -1;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_table *new_table)
+{
+    VIREO_ASSERT(old_table);
+    VIREO_ASSERT(new_table);
+    char flash[256];
+    if (vireo_platform_path(flash, sizeof(flash), VIREO_MTD_DEV_FMT, 0) < 0)
+        return -1;
+    std::vector<std::vector<uint8_t>> snapshot;
+    bool taken = false;
+    for (uint32_t i = 0; i < new_table->ptn_cnt; i++) {
+        const ptn_info &n = new_table->ptns[i];
+        const ptn_info *o = old_entry(old_table, n);
+        if (!o) {
+            VIREO_TRACE("ptn[%s] is new ptn.\n", n.name);
+            continue;
+        }
+        if (!moves(o, n)) {
+            VIREO_TRACE("ptn[%s] is same as old.\n", n.name);
+            continue;
+        }
+        VIREO_TRACE("ptn[%s] moved from {0x%08x:0x%08x} to {0x%08x:0x%08x}.\n", n.name, o->base,
+                    o->size, n.base, n.size);
+        if (!taken) {
+            if (take_snapshot(flash, old_table, new_table, &snapshot) != 0)
+                return -1;
+            taken = true;
+        }
+        const std::vector<uint8_t> &copy = snapshot[i];
+        if (n.base > INT32_MAX ||
+            vireo_file_write_by_offset_block_mode(flash, static_cast<int32_t>(n.base), copy.data(),
+                                                  static_cast<int32_t>(copy.size()),
+                                                  MTD_WRITE_BLOCK_SIZE, nullptr) != 0) {
+            VIREO_TRACE("PTN[%s] move to {0x%08x:0x%08x} failed.\n", n.name, n.base, n.size);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// Every entry of a has an equal first namesake in b.
+static bool entries_found(const ptn_table *a, const ptn_table *b)
+{
+    for (uint32_t i = 0; i < a->ptn_cnt; i++) {
+        const int32_t j = vireo_ptn_get_index_by_name(b, a->ptns[i].name);
+        if (j < 0 || a->ptns[i].base != b->ptns[j].base || a->ptns[i].size != b->ptns[j].size ||
+            a->ptns[i].attr != b->ptns[j].attr)
+            return false;
+    }
+    return true;
+}
+
+int32_t vireo_firmware_ptn_table_changed(const ptn_table *table_a, const ptn_table *table_b)
+{
+    if (!table_a || !table_b)
+        return 1;
+    if (table_a->ptn_cnt != table_b->ptn_cnt || table_a->disk_size != table_b->disk_size)
+        return 1;
+    return entries_found(table_a, table_b) && entries_found(table_b, table_a) ? 0 : 1;
+}

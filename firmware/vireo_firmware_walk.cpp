@@ -1,0 +1,86 @@
+#include "firmware/vireo_firmware_walk.h"
+
+#include "common/vireo_file.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+static const char VIREO_MODULE[] = "vireo_firmware";
+
+int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, uint32_t size,
+                            const char *refused, const vireo_image_fits &fits,
+                            vireo_walk_result *found)
+{
+    VIREO_ASSERT(file);
+    VIREO_ASSERT(found);
+    uint32_t offset = 0;
+    for (;;) {
+        const uint8_t *image = file + offset;
+        const int32_t left = static_cast<int32_t>(size - offset);
+        vireo_trace_at(site, "up.bin buf  = %p\n", static_cast<const void *>(image));
+        vireo_trace_at(site, "up.bin size = %d (0x%08x)\n", left, static_cast<uint32_t>(left));
+        firmware_header_ptr header(vireo_firmware_header_build(image, left), free);
+        if (!header) {
+            vireo_trace_at(site, "Firmware header validate *FAILED*.\n");
+            return -1;
+        }
+        up_ptn_table_ptr table(
+            vireo_firmware_up_ptn_table_build_by_fimware(image, left, header.get()),
+            vireo_firmware_up_ptn_table_destroy);
+        if (!table) {
+            vireo_trace_at(site, "Failed to parse up_ptn_table.\n");
+            return -1;
+        }
+        vireo_payload payload{};
+        if (vireo_firmware_payload(file, size, offset, header.get(), &payload) != 0)
+            return -1;
+        if (fits(header.get(), table.get(), payload)) {
+            found->header = std::move(header);
+            found->table = std::move(table);
+            found->offset = offset;
+            found->payload = payload;
+            return 0;
+        }
+        vireo_trace_at(site, "%s", refused);
+        int32_t next = 0;
+        if (vireo_firmware_chain_next(static_cast<int32_t>(offset), header.get(),
+                                      static_cast<int32_t>(size), &next) != 1)
+            return -1;
+        offset = static_cast<uint32_t>(next);
+        vireo_trace_at(site, "try next firmware header %d (0x%08x).\n", next,
+                       static_cast<uint32_t>(next));
+    }
+}
+
+vireo_mapping::~vireo_mapping()
+{
+    if (data)
+        munmap(data, size);
+    if (fd >= 0)
+        close(fd);
+}
+
+int32_t vireo_firmware_map(const vireo_trace_site &site, const char *path, vireo_mapping *map)
+{
+    const int32_t size = vireo_file_get_size(path);
+    if (size < 1) {
+        vireo_trace_at(site, "Failed to get file size, file='%s'\n", path);
+        return -1;
+    }
+    map->fd = open(path, O_RDWR);
+    if (map->fd < 0) {
+        vireo_trace_at(site, "Failed to open file '%s'\n", path);
+        return -1;
+    }
+    // Opened for writing as a firmware file must be, but mapped read-only: nothing here
+    // ever writes to it, and a stray write faults instead of changing the file.
+    void *data = mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_SHARED, map->fd, 0);
+    if (data == MAP_FAILED) {
+        vireo_trace_at(site, "Failed to mmap file '%s'\n", path);
+        return -1;
+    }
+    map->data = static_cast<uint8_t *>(data);
+    map->size = static_cast<uint32_t>(size);
+    return 0;
+}

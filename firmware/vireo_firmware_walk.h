@@ -1,0 +1,49 @@
+// Walking the chain of images of a firmware file held in memory, and holding the file
+// mapped while a command works on it.
+#pragma once
+
+#include "common/vireo_common.h"
+#include "firmware/vireo_firmware_header.h"
+#include "firmware/vireo_firmware_up_ptn_table.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+using firmware_header_ptr = std::unique_ptr<firmware_header, decltype(&free)>;
+using up_ptn_table_ptr =
+    std::unique_ptr<up_ptn_table, decltype(&vireo_firmware_up_ptn_table_destroy)>;
+
+// The image a walk settled on.
+struct vireo_walk_result {
+    firmware_header_ptr header{nullptr, free};
+    up_ptn_table_ptr table{nullptr, vireo_firmware_up_ptn_table_destroy};
+    uint32_t offset = 0; // of the image's header in the file
+    vireo_payload payload{};
+};
+
+// Whether an image fits the device; the table may be changed in place.
+using vireo_image_fits =
+    std::function<bool(const firmware_header *, up_ptn_table *, const vireo_payload &)>;
+
+// Walks the chain from the first image until fits accepts one (0, found filled). A header
+// or table that fails ends the walk (-1); a refusal, traced with refused, goes on to
+// nextpos, and the last image refusing or a chain that does not move forward is -1.
+// Traces are reported at the caller's site.
+int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, uint32_t size,
+                            const char *refused, const vireo_image_fits &fits,
+                            vireo_walk_result *found);
+
+// A firmware file mapped shared for the length of a command.
+struct vireo_mapping {
+    int fd = -1;
+    uint8_t *data = nullptr;
+    uint32_t size = 0;
+    vireo_mapping() = default;
+    vireo_mapping(const vireo_mapping &) = delete;
+    vireo_mapping &operator=(const vireo_mapping &) = delete;
+    ~vireo_mapping();
+};
+
+// Maps the whole file; 0, or -1 traced at the caller's site.
+int32_t vireo_firmware_map(const vireo_trace_site &site, const char *path, vireo_mapping *map);

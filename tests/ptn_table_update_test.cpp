@@ -1,0 +1,126 @@
+// The device's partition table against an image's: reading the image's, comparing the
+// two, and carrying moved partitions through the whole-flash device.
+#include "firmware/vireo_firmware.h"
+
+#include "raw_device.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+
+namespace
+{
+
+using table_ptr = std::unique_ptr<ptn_table, decltype(&vireo_ptn_destroy)>;
+
+table_ptr table_of(const std::vector<raw_ptn> &ptns, uint32_t disk = 0x10000)
+{
+    const std::string json = table_json(ptns, disk);
+    table_ptr t(nullptr, vireo_ptn_destroy);
+    capture_stdout(
+        [&] { t.reset(vireo_ptn_build_by_json_data(json.data(), int32_t(json.size()))); });
+    return t;
+}
+
+// The image's table from a one-entry payload holding entry.
+table_ptr image_table(const std::string &entry, std::string *out = nullptr)
+{
+    up_ptn_table up{};
+    up.ptn_cnt = 1;
+    snprintf(up.ptns[0].name, sizeof(up.ptns[0].name), "partition-table");
+    up.ptns[0].size = static_cast<uint32_t>(entry.size());
+    const vireo_payload payload{reinterpret_cast<const uint8_t *>(entry.data()),
+                                static_cast<uint32_t>(entry.size()), 0,
+                                static_cast<uint32_t>(entry.size())};
+    table_ptr t(nullptr, vireo_ptn_destroy);
+    const std::string text =
+        capture_stdout([&] { t.reset(vireo_firmware_get_ptn_table(&up, payload)); });
+    if (out)
+        *out = text;
+    return t;
+}
+
+} // namespace
+
+TEST(PtnTableUpdate, ImageTableWithOrWithoutContentHeader)
+{
+    const std::string json = table_json({{"kernel", 0x1000, 0x1000, ""}}, 0x10000);
+    EXPECT_TRUE(image_table(json));
+    EXPECT_TRUE(image_table(with_content_header(json)));
+    // A header that does not account for the entry exactly is not believed.
+    std::string out;
+    EXPECT_FALSE(image_table(with_content_header(json) + " ", &out));
+    EXPECT_TRUE(has_trace(out, "Failed to parse json."));
+    EXPECT_FALSE(image_table("{}", &out));
+}
+
+TEST(PtnTableUpdate, ChangedIgnoresOrderButNotAttr)
+{
+    const std::vector<raw_ptn> two = {{"a", 0, 0x1000, ""}, {"b", 0x1000, 0x1000, ""}};
+    table_ptr a = table_of(two);
+    table_ptr reordered = table_of({two[1], two[0]});
+    EXPECT_EQ(0, vireo_firmware_ptn_table_changed(a.get(), a.get()));
+    // Built by hand: the validation would refuse the order.
+    ptn_table swapped = *a;
+    std::swap(swapped.ptns[0], swapped.ptns[1]);
+    EXPECT_EQ(0, vireo_firmware_ptn_table_changed(a.get(), &swapped));
+    ptn_table attr = *a;
+    attr.ptns[1].attr = 1;
+    EXPECT_EQ(1, vireo_firmware_ptn_table_changed(a.get(), &attr));
+    EXPECT_EQ(1, vireo_firmware_ptn_table_changed(a.get(), table_of({two[0]}).get()));
+    EXPECT_EQ(1, vireo_firmware_ptn_table_changed(a.get(), table_of(two, 0x20000).get()));
+    EXPECT_EQ(1, vireo_firmware_ptn_table_changed(a.get(), nullptr));
+    EXPECT_EQ(nullptr, reordered) << "a table out of order is refused";
+}
+
+TEST(PtnTableUpdate, MovesCarryTheFlashAsItWas)
+{
+    // a and b swap; c shrinks in place; g grows in place; n is new; z is left out.
+    const std::vector<raw_ptn> old_ptns = {{"a", 0x0000, 0x1000, std::string(0x1000, 'A')},
+                                           {"b", 0x1000, 0x1000, std::string(0x1000, 'B')},
+                                           {"c", 0x2000, 0x2000, std::string(0x2000, 'C')},
+                                           {"g", 0x4000, 0x0700, std::string(0x700, 'G')},
+                                           {"z", 0x8000, 0x1000, std::string(0x1000, 'Z')}};
+    raw_device dev(old_ptns, 0x10000);
+    std::string flash = dev.bytes("/dev/mtd0");
+    flash.replace(0x4700, 0x900, std::string(0x900, 'x')); // bytes behind g
+    write_file(dev.at("/dev/mtd0"), flash);
+    table_ptr old_table = table_of(old_ptns);
+    table_ptr new_table = table_of({{"b", 0x0000, 0x1000, ""},
+                                    {"a", 0x1000, 0x1000, ""},
+                                    {"c", 0x2000, 0x0800, ""},
+                                    {"g", 0x4000, 0x1000, ""},
+                                    {"n", 0x6000, 0x1000, ""}});
+    std::string out;
+    int32_t r = -1;
+    out = capture_stdout(
+        [&] { r = vireo_firmware_update_ptn_table(old_table.get(), new_table.get()); });
+    ASSERT_EQ(0, r) << out;
+    std::string want = flash;
+    want.replace(0x0000, 0x1000, std::string(0x1000, 'B'));
+    want.replace(0x1000, 0x1000, std::string(0x1000, 'A'));
+    want.replace(0x4700, 0x100, std::string(0x100, '\xff')); // the padding of g's last unit
+    EXPECT_EQ(want, dev.bytes("/dev/mtd0"));
+    const auto traces = trace_messages(out);
+    EXPECT_TRUE(has_trace(out, "ptn[n] is new ptn."));
+    EXPECT_TRUE(
+        has_trace(out, "ptn[c] moved from {0x00002000:0x00002000} to {0x00002000:0x00000800}."));
+    EXPECT_EQ(4u, static_cast<size_t>(std::count_if(traces.begin(), traces.end(),
+                                                    [](const std::string &t) {
+                                                        return t.find(": start ...") !=
+                                                               std::string::npos;
+                                                    })))
+        << "one write per moved partition";
+
+    // Nothing moves: the flash is not even read.
+    remove(dev.at("/dev/mtd0").c_str());
+    out = capture_stdout(
+        [&] { r = vireo_firmware_update_ptn_table(new_table.get(), new_table.get()); });
+    EXPECT_EQ(0, r) << out;
+    // A move past the end of the flash is refused before anything is written.
+    write_file(dev.at("/dev/mtd0"), flash);
+    table_ptr past = table_of({{"a", 0xF800, 0x1000, ""}}, 0x20000);
+    out = capture_stdout([&] { r = vireo_firmware_update_ptn_table(old_table.get(), past.get()); });
+    EXPECT_EQ(-1, r);
+    EXPECT_TRUE(has_trace(out, "PTN[a] move to {0x0000f800:0x00001000} failed."));
+    EXPECT_EQ(flash, dev.bytes("/dev/mtd0"));
+}

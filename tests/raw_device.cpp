@@ -1,0 +1,113 @@
+#include "raw_device.h"
+
+#include <dirent.h>
+
+static std::string hex(uint32_t v)
+{
+    char buf[16];
+    snprintf(buf, sizeof(buf), "0x%08X", v);
+    return buf;
+}
+
+std::string devinfo_json(const std::string &model, const std::string &version,
+                         const std::string &special_id, const std::string &flash_version)
+{
+    std::string s = R"({"manufacturer_name":"Vireo","manufacturer_full_name":"Vireo Networks",)"
+                    R"("manufacturer_url":"http://vireo.example","model_name":")" +
+                    model + R"(","model_full_name":"Vireo )" + model +
+                    R"(","model_id":"M1","model_version":")" + version +
+                    R"(","region":"EU","special_id":")" + special_id + "\",";
+    if (!flash_version.empty())
+        s += R"("flash_version":")" + flash_version + "\",";
+    return s + R"("hw_id":"HW","oem_id":"OEM","public_key":"PK","license_key":"LK"})";
+}
+
+std::string table_json(const std::vector<raw_ptn> &ptns, uint32_t disk_size)
+{
+    std::string s = "{\"disk-size\":\"" + hex(disk_size) + "\",\"partition-table\":[";
+    for (size_t i = 0; i < ptns.size(); i++)
+        s += std::string(i ? "," : "") + "{\"name\":\"" + ptns[i].name + "\",\"base\":\"" +
+             hex(ptns[i].base) + "\",\"size\":\"" + hex(ptns[i].size) + "\",\"attr\":\"0x0\"}";
+    return s + "]}";
+}
+
+raw_device::raw_device(std::vector<raw_ptn> list, uint32_t disk)
+    : ptns(std::move(list)), disk_size(disk)
+{
+    for (raw_ptn &p : ptns)
+        if (p.name == "partition-table" && p.content.empty())
+            p.content = with_content_header(table_json(ptns, disk_size));
+    std::string flash(disk_size, '\xff');
+    for (size_t i = 0; i < ptns.size(); i++) {
+        const raw_ptn &p = ptns[i];
+        mtd(static_cast<int>(i) + 1, p.name, p.size, p.content);
+        flash.replace(p.base, p.content.size(), p.content);
+    }
+    mtd(0, "flash", disk_size, flash);
+}
+
+std::vector<raw_ptn> raw_device::layout(const std::string &devinfo)
+{
+    return {{"partition-table", 0x00000, 0x10000, ""},
+            {"device-info", 0x10000, 0x10000, with_content_header(devinfo)},
+            {"device-info.b", 0x20000, 0x10000, with_content_header(devinfo)},
+            {"extra-para", 0x30000, 0x10000, ""},
+            {"kernel", 0x40000, 0x40000, std::string(0x1000, 'K')},
+            {"rootfs", 0x80000, 0x40000, std::string(0x1000, 'R')}};
+}
+
+std::map<std::string, std::string> raw_device::devices() const
+{
+    std::map<std::string, std::string> out;
+    DIR *dir = opendir(join("dev").c_str());
+    while (dir) {
+        const dirent *e = readdir(dir);
+        if (!e)
+            break;
+        if (e->d_name[0] != '.')
+            out[e->d_name] = bytes(std::string("/dev/") + e->d_name);
+    }
+    if (dir)
+        closedir(dir);
+    return out;
+}
+
+std::string raw_device::ptn_bytes(const std::string &name) const
+{
+    for (size_t i = 0; i < ptns.size(); i++)
+        if (ptns[i].name == name)
+            return bytes("/dev/mtd" + std::to_string(i + 1));
+    return {};
+}
+
+std::string entry_json(const std::string &model, const std::string &version,
+                       const std::string &special_id, const std::string &flash_version)
+{
+    std::string s = "{\"model_name\":\"" + model + "\",\"model_version\":\"" + version +
+                    "\",\"special_id\":\"" + special_id + "\"";
+    if (!flash_version.empty())
+        s += ",\"flash_version\":\"" + flash_version + "\"";
+    return s + "}";
+}
+
+std::string fw_manifest(const temp_dir &dir, const std::vector<fw_image> &images)
+{
+    std::string s = "{\"images\":[";
+    for (size_t i = 0; i < images.size(); i++) {
+        const fw_image &img = images[i];
+        s += std::string(i ? "," : "") + "{\"support-list\":" + img.support_list;
+        if (!img.table.empty())
+            s += ",\"partition-table\":" + img.table;
+        if (!img.fwinfo.empty())
+            s += ",\"firmware-info\":" + img.fwinfo;
+        s += ",\"partitions\":[";
+        for (size_t j = 0; j < img.parts.size(); j++) {
+            const std::string file = "img" + std::to_string(i) + "_" + img.parts[j].first;
+            dir.write(file, img.parts[j].second);
+            s += std::string(j ? "," : "") + "{\"name\":\"" + img.parts[j].first +
+                 "\",\"file\":\"" + file + "\"}";
+        }
+        s += "]}";
+    }
+    return s + "]}";
+}
