@@ -1,5 +1,6 @@
 // Runs the built tool as a user would and checks its output and exit status.
 #include "pack_fixture.h"
+#include "raw_device.h"
 #include "test_util.h"
 
 #include <fcntl.h>
@@ -222,4 +223,19 @@ TEST(SignatureTest, SuppliedDigestChecksTheHeadAlone)
 
     run_result short_head = tool({"-m", dir.join("m"), "-t", dir.write("h", "tiny")});
     EXPECT_EQ(255, short_head.status);
+}
+
+TEST(CommandLine, CheckOnAFakeDeviceGivesItsVerdictAsExitStatus)
+{
+    temp_dir dir;
+    raw_device dev(raw_device::layout(devinfo_json("VR100", "1.0", "55530000")));
+    for (const char *model : {"VR100", "VR200"}) {
+        const std::string list = std::string("[") + entry_json(model, "1.0", "55530000") + "]";
+        ASSERT_FALSE(
+            pack_firmware(dir, fw_manifest(dir, {{list, "", "", {{"kernel", "k"}}}})).empty());
+        run_result r =
+            run_program(VIREO_FAKE_ROOT_TOOL, {dev.path, "-C", "-u", dir.join("up.bin")});
+        EXPECT_EQ(std::string(model) == "VR100" ? 0 : 255, r.status) << model << r.out;
+        EXPECT_EQ(std::string::npos, r.out.find("is locked by")) << "check takes no lock";
+    }
 }
