@@ -1,0 +1,152 @@
+# Helpers of the virtual router, sourced by /init and by the scenarios' guest scripts.
+# Everything here reads the devices themselves; nothing trusts the tool's traces.
+
+RIG_FAILS=0
+
+# "/dev/mtdN" of the MTD partition NAME, from /proc/mtd; empty if there is none.
+mtd_dev()
+{
+    awk -v name="\"$1\"" '$4 == name { sub(":", "", $1); print "/dev/" $1; exit }' /proc/mtd
+}
+
+mtd_index()
+{
+    local dev
+    dev=$(mtd_dev "$1")
+    echo "${dev#/dev/mtd}"
+}
+
+mtdblock_dev()
+{
+    local dev
+    dev=$(mtd_dev "$1")
+    [ -n "$dev" ] && echo "/dev/mtdblock${dev#/dev/mtd}"
+}
+
+# "/dev/ubiD_V" of volume NAME on UBI device D; empty if there is none.
+ubi_vol_dev()
+{
+    local d
+    for d in /sys/class/ubi/ubi$1_*; do
+        [ -f "$d/name" ] && [ "$(cat "$d/name")" = "$2" ] && { echo "/dev/${d##*/}"; return; }
+    done
+}
+
+# Lines "NAME BASE SIZE" (decimal) of the partition-table document in FILE. The documents
+# the rig writes hold one string member per key, so a flat scan of the pairs is enough.
+rig_table_entries()
+{
+    tr -d ' \t\r\n' <"$1" | grep -o '"[A-Za-z-]*":"[^"]*"' | awk -F'"' '
+        tolower($2) == "name" { name = $4 }
+        tolower($2) == "base" { base = $4 + 0 }
+        tolower($2) == "size" { printf "%s %d %d\n", name, base, $4 + 0 }'
+}
+
+# Content of the record partition at byte OFFSET of DEVICE (behind its 16-byte header),
+# written to FILE. Fails when the header's magic words are wrong.
+rig_read_record()
+{
+    local dev=$1 off=$2 out=$3 head len
+    dd if="$dev" of=/tmp/rec.head bs=16 count=1 iflag=skip_bytes skip="$off" status=none
+    head=$(od -An -tx1 /tmp/rec.head | tr -d ' \n')
+    case $head in aa55d98f04e955aa*) ;; *) return 1 ;; esac
+    len=$((0x$(echo "$head" | cut -c17-24)))
+    dd if="$dev" of="$out" bs=4096 iflag=skip_bytes,count_bytes skip=$((off + 16)) \
+        count="$len" status=none
+}
+
+# The router's boot: brings the flash up as /dev/mtd0 and adds the partitions that its
+# partition table names, as the boot loader of the real device does.
+rig_flash_up()
+{
+    modprobe mtd && modprobe mtdblock || return 1
+    case $FLASH in
+    mtdram)
+        modprobe mtdram total_size=$((FLASH_SIZE / 1024)) erase_size=$((ERASE_SIZE / 1024)) ||
+            return 1
+        if [ -n "$FLASH_IMAGE" ]; then
+            dd if="/rig/$FLASH_IMAGE" of=/dev/mtdblock0 bs=65536 status=none || return 1
+        fi
+        ;;
+    block2mtd)
+        modprobe virtio_blk || return 1
+        local i=0
+        while [ ! -b /dev/vda ] && [ $i -lt 50 ]; do sleep 0.1; i=$((i + 1)); done
+        modprobe block2mtd block2mtd=/dev/vda,$((ERASE_SIZE / 1024))KiB || return 1
+        ;;
+    esac
+    # Dirty pages reach the flash file within 10 ms, as writes reach a real chip; a power
+    # cut still loses what is in flight.
+    echo 1 >/proc/sys/vm/dirty_writeback_centisecs
+    echo 1 >/proc/sys/vm/dirty_expire_centisecs
+    if [ -n "$PTN_BASE" ]; then
+        rig_read_record /dev/mtd0 $((PTN_BASE)) /tmp/ptn.json || {
+            echo "rig: no partition table at $PTN_BASE"
+            return 1
+        }
+        rig_table_entries /tmp/ptn.json >/tmp/ptn.list
+        local name base size
+        while read -r name base size; do
+            mtdpart add /dev/mtd0 "$name" "$base" "$size" || return 1
+        done </tmp/ptn.list
+    fi
+    modprobe ubi || return 1
+    local pair
+    for pair in $UBI_ATTACH; do
+        ubiattach -m "$(mtd_index "${pair%:*}")" -d "${pair#*:}" >/dev/null || return 1
+    done
+    return 0
+}
+
+ok()
+{
+    echo "ok - $*"
+}
+
+not_ok()
+{
+    echo "not ok - $*"
+    RIG_FAILS=$((RIG_FAILS + 1))
+}
+
+# expect_bytes LABEL DEVICE OFFSET FILE: the bytes of DEVICE from OFFSET equal FILE.
+expect_bytes()
+{
+    local label=$1 dev=$2 off=$3 file=$4 len
+    len=$(wc -c <"$file")
+    dd if="$dev" of=/tmp/extract bs=65536 iflag=skip_bytes,count_bytes skip=$((off)) \
+        count="$len" status=none
+    if cmp -s /tmp/extract "$file"; then
+        ok "$label"
+    else
+        not_ok "$label: $dev at $off differs from ${file##*/} ($(cmp /tmp/extract "$file" 2>&1 | head -1))"
+    fi
+}
+
+# expect_same LABEL A B: two files or devices hold the same bytes.
+expect_same()
+{
+    if cmp -s "$2" "$3"; then ok "$1"; else not_ok "$1: $(cmp "$2" "$3" 2>&1 | head -1)"; fi
+}
+
+# expect_status LABEL EXPECTED ACTUAL
+expect_status()
+{
+    if [ "$2" = "$3" ]; then ok "$1"; else not_ok "$1: exit status $3, expected $2"; fi
+}
+
+# Runs the tool with its output in /rig/out/NAME.log and sets TOOL_STATUS.
+run_tool()
+{
+    local log=$1
+    shift
+    echo "# vireo_firmware_upgrade $*" >>"/rig/out/$log.log"
+    TOOL_STATUS=0
+    vireo_firmware_upgrade "$@" >>"/rig/out/$log.log" 2>&1 || TOOL_STATUS=$?
+}
+
+rig_done()
+{
+    echo "# $RIG_FAILS failed"
+    exit $((RIG_FAILS > 0))
+}

@@ -1,0 +1,138 @@
+# Builds what the virtual router needs, from Debian's packages only, into build-rig/:
+# the tool (x86_64), the kernel and its modules, and the initramfs. Sourced by run.sh.
+
+rig_packages=(qemu-system-x86 busybox-static mtd-utils xz-utils)
+
+# Installs the project's build dependencies and the rig's packages when any is missing.
+rig_install_packages()
+{
+    bash "$RIG_ROOT/scripts/deps.sh"
+    local missing=() p
+    for p in "${rig_packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "rig: installing ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+# The tool and the host tools, built for this machine (x86_64) from the working tree, or,
+# with RIG_FROM_HEAD=1, from the last commit (when the working tree is in the middle of a
+# change).
+rig_build_tool()
+{
+    local src=$RIG_ROOT
+    if [ "${RIG_FROM_HEAD:-0}" = 1 ]; then
+        src=$RIG_BUILD/head
+        local head
+        head=$(git -C "$RIG_ROOT" rev-parse HEAD)
+        if [ "$(cat "$src/.rig-head" 2>/dev/null)" != "$head" ]; then
+            rm -rf "$src"
+            mkdir -p "$src"
+            git -C "$RIG_ROOT" archive HEAD | tar -x -C "$src"
+            echo "$head" >"$src/.rig-head"
+        fi
+    fi
+    cmake -S "$src" -B "$RIG_BUILD/tool" -G Ninja -DVIREO_BUILD_TESTS=OFF \
+        -DVIREO_BUILD_BENCH=OFF >/dev/null
+    cmake --build "$RIG_BUILD/tool" -j2 >/dev/null
+    RIG_TOOL=$RIG_BUILD/tool/vireo_firmware_upgrade
+    RIG_PACK=$RIG_BUILD/tool/vireo_firmware_pack
+}
+
+# Debian 12's kernel package (the version linux-image-amd64 points at), fetched once and
+# unpacked without installing. The bzImage is unpacked to the ELF vmlinux, which QEMU boots
+# through its PVH entry a few seconds faster than the compressed image.
+rig_fetch_kernel()
+{
+    local cache=$RIG_BUILD/cache
+    mkdir -p "$cache"
+    local pkg
+    pkg=$(apt-cache depends linux-image-amd64 2>/dev/null |
+          awk '/Depends: linux-image-[0-9]/ { print $2; exit }')
+    if [ -z "$pkg" ]; then
+        pkg=$(cd "$cache" && ls linux-image-*-amd64_*.deb 2>/dev/null | head -1 | cut -d_ -f1)
+    fi
+    [ -n "$pkg" ] || { echo "rig: no Debian kernel package found" >&2; return 1; }
+    if ! ls "$cache/${pkg}"_*.deb >/dev/null 2>&1; then
+        echo "rig: fetching $pkg"
+        (cd "$cache" && apt-get download "$pkg" 2>&1 | grep -v '^W: Download is performed unsandboxed')
+    fi
+    local deb
+    deb=$(ls "$cache/${pkg}"_*.deb | head -1)
+    RIG_KVER=${pkg#linux-image-}
+    local kdir=$cache/$RIG_KVER
+    if [ ! -f "$kdir/vmlinux" ]; then
+        rm -rf "$kdir"
+        mkdir -p "$kdir/pkg"
+        dpkg-deb -x "$deb" "$kdir/pkg"
+        local bz=$kdir/pkg/boot/vmlinuz-$RIG_KVER off
+        off=$(LC_ALL=C grep -obUaP '\xfd7zXZ\x00' "$bz" | head -1 | cut -d: -f1)
+        [ -n "$off" ] || { echo "rig: $bz holds no xz stream" >&2; return 1; }
+        # xz stops with an error at the data behind the stream; the kernel is complete.
+        tail -c +$((off + 1)) "$bz" | xz -dcq >"$kdir/vmlinux.tmp" 2>/dev/null || true
+        [ "$(head -c 4 "$kdir/vmlinux.tmp" | od -An -tx1 | tr -d ' ')" = 7f454c46 ] ||
+            { echo "rig: could not unpack $bz" >&2; return 1; }
+        mv "$kdir/vmlinux.tmp" "$kdir/vmlinux"
+    fi
+    RIG_KERNEL=$kdir/vmlinux
+    RIG_MODULES=$kdir/pkg/lib/modules/$RIG_KVER
+}
+
+# Modules the router loads, in no particular order: busybox depmod writes modules.dep and
+# modprobe resolves the order inside the VM.
+rig_modules=(
+    drivers/virtio/virtio.ko drivers/virtio/virtio_ring.ko drivers/virtio/virtio_pci.ko
+    drivers/virtio/virtio_pci_legacy_dev.ko drivers/virtio/virtio_pci_modern_dev.ko
+    drivers/block/virtio_blk.ko
+    net/9p/9pnet.ko net/9p/9pnet_virtio.ko fs/9p/9p.ko fs/netfs/netfs.ko fs/fscache/fscache.ko
+    drivers/mtd/mtd.ko drivers/mtd/devices/mtdram.ko drivers/mtd/devices/block2mtd.ko
+    drivers/mtd/mtd_blkdevs.ko drivers/mtd/mtdblock.ko drivers/mtd/ubi/ubi.ko
+)
+
+rig_mtd_utils=(flash_erase mtdpart mtdinfo ubiattach ubidetach ubimkvol ubirmvol ubiupdatevol
+               ubinfo)
+
+# Copies a dynamically linked program and the libraries it needs into the tree.
+rig_copy_program()
+{
+    local prog=$1 dest=$2 tree=$3 lib
+    install -D -m 0755 "$prog" "$tree$dest"
+    for lib in $(ldd "$prog" | awk '/=> \// { print $3 } /^\t\/lib/ { print $1 }'); do
+        [ -e "$tree$lib" ] || install -D -m 0755 "$lib" "$tree$lib"
+    done
+}
+
+# The initramfs: busybox, the modules, mtd-utils, the tool, the init and the `mtd` stand-in.
+rig_build_initramfs()
+{
+    local tree=$RIG_BUILD/initramfs m
+    rm -rf "$tree"
+    mkdir -p "$tree"/{bin,sbin,usr/bin,usr/sbin,proc,sys,dev,tmp,rig,lib64}
+    install -m 0755 /bin/busybox "$tree/bin/busybox"
+    for m in "${rig_modules[@]}"; do
+        install -D -m 0644 "$RIG_MODULES/kernel/$m" "$tree/lib/modules/$RIG_KVER/kernel/$m"
+    done
+    busybox depmod -b "$tree" "$RIG_KVER"
+    for m in "${rig_mtd_utils[@]}"; do
+        rig_copy_program "/usr/sbin/$m" "/usr/sbin/$m" "$tree"
+    done
+    rig_copy_program "$RIG_TOOL" /usr/sbin/vireo_firmware_upgrade "$tree"
+    install -m 0755 "$RIG_DIR/guest/init" "$tree/init"
+    install -m 0755 "$RIG_DIR/guest/mtd" "$tree/usr/sbin/mtd"
+    install -m 0644 "$RIG_DIR/guest/lib.sh" "$tree/lib/rig.sh"
+    (cd "$tree" && find . | LC_ALL=C sort | busybox cpio -o -H newc 2>/dev/null) \
+        >"$RIG_BUILD/initramfs.cpio"
+    RIG_INITRD=$RIG_BUILD/initramfs.cpio
+}
+
+rig_build_all()
+{
+    rig_install_packages
+    rig_build_tool
+    rig_fetch_kernel
+    rig_build_initramfs
+}

@@ -1,0 +1,142 @@
+# Host-side helpers of the scenarios: record documents, flash images, firmware files and
+# expected device contents. Sourced by run.sh.
+
+# rig_be32 N: N as four big-endian bytes.
+rig_be32()
+{
+    printf "$(printf '\\%03o\\%03o\\%03o\\%03o' $(($1 >> 24 & 255)) $(($1 >> 16 & 255)) \
+        $(($1 >> 8 & 255)) $(($1 & 255)))"
+}
+
+# rig_record OUT [LEN]: reads a document on standard input and writes it to OUT behind the
+# 16-byte content header. LEN is the header's content length (default: the document's).
+rig_record()
+{
+    local out=$1 doc
+    doc=$(mktemp)
+    cat >"$doc"
+    local len=${2:-$(wc -c <"$doc")}
+    { printf '\252\125\331\217\004\351\125\252'; rig_be32 "$len"; printf '\0\0\0\0'
+      cat "$doc"; } >"$out"
+    rm -f "$doc"
+}
+
+# rig_blank FILE SIZE: an erased flash image (all 0xFF).
+rig_blank()
+{
+    head -c "$(($2))" /dev/zero | tr '\0' '\377' >"$1"
+}
+
+# rig_put FILE OFFSET SRC: writes SRC into FILE at byte OFFSET.
+rig_put()
+{
+    dd if="$3" of="$1" bs=65536 seek="$(($2))" oflag=seek_bytes conv=notrunc status=none
+}
+
+# rig_get FILE OFFSET LEN OUT: the LEN bytes of FILE at OFFSET.
+rig_get()
+{
+    dd if="$1" of="$4" bs=65536 skip="$(($2))" count="$(($3))" iflag=skip_bytes,count_bytes \
+        status=none
+}
+
+# rig_random OUT SIZE SEED: reproducible pseudo-random bytes.
+rig_random()
+{
+    openssl enc -aes-128-ctr -pass "pass:$3" -nosalt -pbkdf2 -in /dev/zero 2>/dev/null |
+        head -c "$(($2))" >"$1"
+}
+
+# rig_table_json DISK_SIZE "NAME BASE SIZE" ...: a partition-table document, one member per
+# line, numbers in the tool's own "0x%08X" form.
+rig_table_json()
+{
+    local disk=$1 sep="" name base size
+    shift
+    printf '{\n\t"disk-size":\t"0x%08X",\n\t"partition-table":\t[' "$(($disk))"
+    for entry in "$@"; do
+        read -r name base size <<<"$entry"
+        printf '%s{\n\t\t\t"name":\t"%s",\n\t\t\t"base":\t"0x%08X",\n\t\t\t"size":\t"0x%08X",\n\t\t\t"attr":\t"0x00000000"\n\t\t}' \
+            "$sep" "$name" "$(($base))" "$(($size))"
+        sep=", "
+    done
+    printf ']\n}'
+}
+
+# rig_device_info MODEL SPECIAL_ID: a device-info document.
+rig_device_info()
+{
+    cat <<DOC
+{"manufacturer_name":"Vireo","manufacturer_full_name":"Vireo Networks","manufacturer_url":"https://vireo.example",
+"model_name":"$1","model_full_name":"$1 router","model_id":"0001","model_version":"1.0","region":"EU",
+"special_id":"$2","flash_version":"00000000","hw_id":"HW01","oem_id":"OEM01","public_key":"none","license_key":"none"}
+DOC
+}
+
+rig_firmware_info()
+{
+    printf '{"software-version":"%s","firmware-id":"%s"}' "$1" "$2"
+}
+
+# The two flag documents the tool writes.
+rig_flag_doc()
+{
+    case $1 in
+    on) printf '{"dbootFlag":"1","integerFlag":"1","fwFlag":"GOOD","score":%d}' "$2" ;;
+    off) printf '{"dbootFlag":"0","integerFlag":"0","fwFlag":"BAD","score":%d}' "$2" ;;
+    esac
+}
+
+# rig_flag_overlay FILE on|off SCORE EXTRA: writes a flag record over the start of FILE
+# as the tool does: header, document, its NUL byte. EXTRA is 1 when the header's length
+# counts the NUL byte (UBI flag volumes) and 0 when it does not (raw "extra-para").
+rig_flag_overlay()
+{
+    local file=$1 rec
+    rec=$(mktemp)
+    local n
+    n=$(rig_flag_doc "$2" "$3" | wc -c)
+    { rig_flag_doc "$2" "$3"; printf '\0'; } | rig_record "$rec" $((n + $4))
+    rig_put "$file" 0 "$rec"
+    rm -f "$rec"
+}
+
+# rig_pad FILE SIZE: extends FILE with 0xFF to SIZE bytes.
+rig_pad()
+{
+    local have
+    have=$(wc -c <"$1")
+    [ "$have" -lt "$(($2))" ] && head -c $(($2 - have)) /dev/zero | tr '\0' '\377' >>"$1"
+    return 0
+}
+
+# rig_pack MANIFEST OUT: a firmware file signed with the test key.
+rig_pack()
+{
+    "$RIG_PACK" build "$1" --key "$RIG_ROOT/keys/vireo_test_key_DO_NOT_SHIP.pem" -o "$2" \
+        >/dev/null
+}
+
+# UBI geometry of the rig's flash: 64 KiB erase blocks, byte-wise writes (block2mtd and
+# mtdram are both RAM-like), so each LEB loses 128 bytes to the two UBI headers.
+RIG_PEB=65536
+RIG_LEB=$((65536 - 128))
+
+# rig_ubinize OUT SIZE "NAME LEBS [FILE]" ...: a UBI image of dynamic volumes, padded with
+# 0xFF to SIZE bytes.
+rig_ubinize()
+{
+    local out=$1 size=$2 cfg id=0 name lebs file
+    shift 2
+    cfg=$(mktemp)
+    for entry in "$@"; do
+        read -r name lebs file <<<"$entry"
+        printf '[%s]\nmode=ubi\nvol_id=%d\nvol_type=dynamic\nvol_name=%s\nvol_size=%d\n' \
+            "$name" "$id" "$name" $((lebs * RIG_LEB)) >>"$cfg"
+        [ -n "$file" ] && printf 'image=%s\n' "$file" >>"$cfg"
+        id=$((id + 1))
+    done
+    ubinize -o "$out" -p $RIG_PEB -m 1 "$cfg" >/dev/null
+    rm -f "$cfg"
+    rig_pad "$out" "$size"
+}

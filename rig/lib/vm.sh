@@ -1,0 +1,58 @@
+# Boots the virtual router. Sourced by run.sh.
+
+# Kernel command line: serial console, no probing of hardware the router lacks.
+rig_cmdline="console=ttyS0 quiet panic=-1 mitigations=off i8042.noaux i8042.nokbd i8042.nomux \
+i8042.nopnp no_timer_check tsc=reliable"
+
+# rig_qemu SHARE FLASH LOG: starts QEMU (TCG only) in the background and sets RIG_QEMU_PID.
+# SHARE becomes the guest's /rig; FLASH, when not empty, its virtio disk /dev/vda.
+rig_qemu()
+{
+    local share=$1 flash=$2 log=$3
+    local disk=()
+    if [ -n "$flash" ]; then
+        disk=(-drive "file=$flash,if=none,id=flash,format=raw,cache=writeback"
+              -device virtio-blk-pci,drive=flash)
+    fi
+    : >"$log"
+    qemu-system-x86_64 -accel tcg -machine pc -m 256 -smp 1 -nodefaults -no-user-config \
+        -display none -no-reboot -serial "file:$log" \
+        -kernel "$RIG_KERNEL" -initrd "$RIG_INITRD" -append "$rig_cmdline" \
+        -fsdev "local,id=rig,path=$share,security_model=none" \
+        -device virtio-9p-pci,fsdev=rig,mount_tag=rig \
+        "${disk[@]}" >"$log.qemu" 2>&1 &
+    RIG_QEMU_PID=$!
+}
+
+# rig_boot SHARE [FLASH]: boots one VM and waits for its end marker. The result is the
+# guest's status from the marker line, or 97 when the VM ended without one.
+rig_boot()
+{
+    local share=$1 flash=${2:-} log=$1/console.log
+    mkdir -p "$share/out"
+    local t0=$SECONDS
+    rig_qemu "$share" "$flash" "$log"
+    if ! rig_wait_for "$log" '^RIG-END' "$RIG_BOOT_TIMEOUT"; then
+        echo "    VM timed out after ${RIG_BOOT_TIMEOUT}s (log: $log)"
+        kill -9 "$RIG_QEMU_PID" 2>/dev/null
+    fi
+    wait "$RIG_QEMU_PID" 2>/dev/null
+    RIG_BOOT_SECONDS=$((SECONDS - t0))
+    local status
+    status=$(sed -n 's/^RIG-END \([0-9]*\).*/\1/p' "$log" | tail -1)
+    return "${status:-97}"
+}
+
+# rig_wait_for LOG PATTERN SECONDS: waits until a line of LOG matches PATTERN, or the VM
+# ends, or the time is up (result 1 for the last two).
+rig_wait_for()
+{
+    local log=$1 pattern=$2 limit=$(($3 * 50)) i=0
+    while [ $i -lt $limit ]; do
+        grep -q "$pattern" "$log" 2>/dev/null && return 0
+        kill -0 "$RIG_QEMU_PID" 2>/dev/null || { grep -q "$pattern" "$log"; return; }
+        sleep 0.02
+        i=$((i + 1))
+    done
+    return 1
+}

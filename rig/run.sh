@@ -1,0 +1,94 @@
+#!/usr/bin/env bash
+# The virtual router: runs the tool on the kernel's MTD and UBI drivers in QEMU (TCG).
+#
+#   bash rig/run.sh [--sweep] [SCENARIO...]
+#
+# Builds what it needs from Debian's packages (cached in build-rig/), boots one fresh VM per
+# scenario (several for the ones that reboot or cut the power) and ends with the line
+# "N passed, M failed". --sweep cuts the power at 20 points per mode instead of 4.
+set -euo pipefail
+
+RIG_ROOT=$(cd "$(dirname "$0")/.." && pwd)
+RIG_DIR=$RIG_ROOT/rig
+RIG_BUILD=$RIG_ROOT/build-rig
+RIG_BOOT_TIMEOUT=${RIG_BOOT_TIMEOUT:-120}
+RIG_CUTS=4
+
+. "$RIG_DIR/lib/build.sh"
+. "$RIG_DIR/lib/vm.sh"
+. "$RIG_DIR/lib/host.sh"
+for f in "$RIG_DIR"/scenarios/*.sh; do
+    case $f in *.guest.sh) ;; *) . "$f" ;; esac
+done
+
+rig_all_scenarios=(identity signature raw raw-ubi ubi powercut-raw powercut-ubi rewrite)
+
+usage()
+{
+    echo "Usage: bash rig/run.sh [--sweep] [SCENARIO...]"
+    echo "Scenarios: ${rig_all_scenarios[*]}"
+}
+
+selected=()
+while [ $# -gt 0 ]; do
+    case $1 in
+    --sweep) RIG_CUTS=20 ;;
+    -h | --help) usage; exit 0 ;;
+    -*) usage >&2; exit 2 ;;
+    *)
+        declare -F "scenario_${1//-/_}" >/dev/null || { echo "unknown scenario: $1" >&2; exit 2; }
+        selected+=("$1")
+        ;;
+    esac
+    shift
+done
+[ ${#selected[@]} -gt 0 ] || selected=("${rig_all_scenarios[@]}")
+
+t0=$SECONDS
+rig_build_all
+echo "rig: kernel $RIG_KVER, initramfs $(($(wc -c <"$RIG_INITRD") / 1024)) KiB, built in $((SECONDS - t0)) s"
+
+# rig_share NAME SCENARIO: a fresh shared folder for one VM, holding the scenario's guest
+# script. Prints its path.
+rig_share()
+{
+    local share=$RIG_WORK/$1
+    rm -rf "$share"
+    mkdir -p "$share/out"
+    cp "$RIG_DIR/scenarios/$2.guest.sh" "$share/guest.sh"
+    echo "$share"
+}
+
+# rig_guest SHARE [FLASH]: boots the VM and reports its checks. Result: the guest's status.
+rig_guest()
+{
+    local share=$1 status=0
+    rig_boot "$@" || status=$?
+    local log=$share/out/guest.log
+    local oks=0
+    [ -f "$log" ] && oks=$(grep -c '^ok - ' "$log" || true)
+    echo "    ${share##*/}: $oks checks passed, boot to power-off ${RIG_BOOT_SECONDS}s"
+    [ -f "$log" ] && grep '^not ok - ' "$log" | sed 's/^/    /' || true
+    [ $status -eq 97 ] && echo "    no end marker; console: $share/console.log"
+    return $status
+}
+
+passed=0
+failed=0
+for s in "${selected[@]}"; do
+    RIG_WORK=$RIG_BUILD/work/$s
+    rm -rf "$RIG_WORK"
+    mkdir -p "$RIG_WORK"
+    echo "== $s =="
+    ts=$SECONDS
+    if "scenario_${s//-/_}"; then
+        echo "PASS $s ($((SECONDS - ts)) s)"
+        passed=$((passed + 1))
+    else
+        echo "FAIL $s ($((SECONDS - ts)) s; logs in ${RIG_WORK#$RIG_ROOT/})"
+        failed=$((failed + 1))
+    fi
+done
+echo "rig: $((SECONDS - t0)) s in all"
+echo "$passed passed, $failed failed"
+[ $failed -eq 0 ]

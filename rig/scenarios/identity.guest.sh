@@ -1,0 +1,44 @@
+# Guest part of the identity scenario.
+. /lib/rig.sh
+
+data=$(mtd_dev data)
+n=${data#/dev/mtd}
+[ -n "$data" ] && ok "partition 'data' is $data" || not_ok "no partition 'data'"
+expect_status "mtdN reads the partition's size" $((0x030000)) "$(wc -c <"$data")"
+expect_status "sysfs size of mtd$n" $((0x030000)) "$(cat /sys/class/mtd/mtd$n/size)"
+
+# Written through the partition's character device, read through the three other views.
+flash_erase -q "$data" 0 0
+dd if=/rig/data.bin of="$data" bs=2048 status=none
+expect_bytes "mtd$n written, mtd$n read" "$data" 0 /rig/data.bin
+expect_bytes "mtd$n written, mtdblock$n read" "/dev/mtdblock$n" 0 /rig/data.bin
+expect_bytes "mtd$n written, mtd0 read at the base" /dev/mtd0 0x050000 /rig/data.bin
+expect_bytes "mtd$n written, mtdblock0 read at the base" /dev/mtdblock0 0x050000 /rig/data.bin
+
+# Written through the whole flash's block device, read through the partition.
+dd if=/dev/zero bs=65536 count=3 2>/dev/null | tr '\0' Z >/tmp/zz
+dd if=/tmp/zz of=/dev/mtdblock0 bs=65536 seek=$((0x050000 / 65536)) status=none
+sync
+expect_bytes "mtdblock0 written, mtd$n read" "$data" 0 /tmp/zz
+
+# The tool's own reading of the partition table from "/dev/mtd0"'s partition.
+ptn=$(mtd_dev partition-table)
+dd if="$ptn" of=/tmp/ptn.rec bs=65536 count=1 status=none
+head -c "$(wc -c </rig/ptn.rec)" /tmp/ptn.rec >/tmp/ptn.head
+expect_same "partition-table partition holds the factory record" /tmp/ptn.head /rig/ptn.rec
+
+# UBI on the "ubi" partition: an empty partition is formatted on attach.
+ubiattach -m "$(mtd_index ubi)" -d 0 >/dev/null && ok "ubiattach" || not_ok "ubiattach"
+expect_status "UBI interface version" 1 "$(cat /sys/class/ubi/version)"
+ubimkvol /dev/ubi0 -N vol -s 262144 >/dev/null && ok "ubimkvol" || not_ok "ubimkvol"
+vol=$(ubi_vol_dev 0 vol)
+ubiupdatevol "$vol" /rig/vol.bin && ok "ubiupdatevol $vol" || not_ok "ubiupdatevol"
+d=/sys/class/ubi/${vol#/dev/}
+reserved=$(($(cat "$d/reserved_ebs") * $(cat "$d/usable_eb_size")))
+expect_status "volume reads back at its reserved size" "$reserved" "$(wc -c <"$vol")"
+cp /rig/vol.bin /tmp/vol.expect
+head -c $((reserved - 100000)) /dev/zero | tr '\0' '\377' >>/tmp/vol.expect
+expect_same "volume holds the image, then 0xFF" "$vol" /tmp/vol.expect
+expect_status "ubi0 is a character device" c "$(stat -c %F /dev/ubi0 | cut -c1)"
+
+rig_done
