@@ -150,3 +150,20 @@ rig_done()
     echo "# $RIG_FAILS failed"
     exit $((RIG_FAILS > 0))
 }
+
+# expect_volumes LABEL UBI DIR [NAME...]: each named volume of UBI device UBI (all the
+# volumes in DIR when none is named) reads back as DIR/NAME.
+expect_volumes()
+{
+    local label=$1 ubi=$2 dir=$3 name dev
+    shift 3
+    [ $# -gt 0 ] || set -- $(ls "$dir")
+    for name in "$@"; do
+        dev=$(ubi_vol_dev "$ubi" "$name")
+        if [ -z "$dev" ]; then
+            not_ok "$label: no volume $name on ubi$ubi"
+        else
+            expect_same "$label: $name" "$dev" "$dir/$name"
+        fi
+    done
+}

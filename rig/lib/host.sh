@@ -140,3 +140,13 @@ rig_ubinize()
     rm -f "$cfg"
     rig_pad "$out" "$size"
 }
+
+# rig_tamper IN OUT OFFSET: a copy of IN with the byte at OFFSET inverted.
+rig_tamper()
+{
+    cp "$1" "$2"
+    local byte
+    byte=$(od -An -tu1 -j "$(($3))" -N1 "$1" | tr -d ' ')
+    printf "$(printf '\\%03o' $((255 - byte)))" |
+        dd of="$2" bs=1 seek="$(($3))" conv=notrunc status=none
+}

@@ -32,7 +32,9 @@ rig_boot()
     mkdir -p "$share/out"
     local t0=$SECONDS
     rig_qemu "$share" "$flash" "$log"
-    if ! rig_wait_for "$log" '^RIG-END' "$RIG_BOOT_TIMEOUT"; then
+    local waited=0
+    rig_wait_for "$log" '^RIG-END' "$RIG_BOOT_TIMEOUT" || waited=$?
+    if [ $waited -eq 1 ]; then
         echo "    VM timed out after ${RIG_BOOT_TIMEOUT}s (log: $log)"
         kill -9 "$RIG_QEMU_PID" 2>/dev/null
     fi
@@ -43,14 +45,14 @@ rig_boot()
     return "${status:-97}"
 }
 
-# rig_wait_for LOG PATTERN SECONDS: waits until a line of LOG matches PATTERN, or the VM
-# ends, or the time is up (result 1 for the last two).
+# rig_wait_for LOG PATTERN SECONDS: waits until a line of LOG matches PATTERN (result 0),
+# the time is up (1) or the VM ends without such a line (2).
 rig_wait_for()
 {
     local log=$1 pattern=$2 limit=$(($3 * 50)) i=0
     while [ $i -lt $limit ]; do
         grep -q "$pattern" "$log" 2>/dev/null && return 0
-        kill -0 "$RIG_QEMU_PID" 2>/dev/null || { grep -q "$pattern" "$log"; return; }
+        kill -0 "$RIG_QEMU_PID" 2>/dev/null || { grep -q "$pattern" "$log" || return 2; return 0; }
         sleep 0.02
         i=$((i + 1))
     done

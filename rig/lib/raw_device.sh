@@ -1,0 +1,143 @@
+# The raw-flash router VR100: its factory flash and a firmware file whose second image
+# brings a new layout. Sourced by run.sh; used by the raw, signature and rewrite scenarios
+# and by the demo.
+
+RAW_DISK=0x800000
+
+# name base size: the factory layout.
+raw_old_layout=(
+    "BL2 0x000000 0x020000"
+    "FIP 0x020000 0x040000"
+    "partition-table 0x060000 0x010000"
+    "device-info 0x070000 0x010000"
+    "extra-para 0x080000 0x010000"
+    "firmware-info 0x090000 0x010000"
+    "support-list 0x0A0000 0x010000"
+    "user-config 0x0B0000 0x010000"
+    "log 0x0C0000 0x020000"
+    "kernel 0x100000 0x200000"
+    "rootfs 0x300000 0x300000"
+)
+
+# The image's layout: "log" grows, "FIP" and "user-config" move, "radio" is new. The
+# partitions the image carries keep their places, since their new content is written to the
+# running system's partition of that name.
+raw_new_layout=(
+    "BL2 0x000000 0x020000"
+    "partition-table 0x060000 0x010000"
+    "device-info 0x070000 0x010000"
+    "extra-para 0x080000 0x010000"
+    "firmware-info 0x090000 0x010000"
+    "support-list 0x0A0000 0x010000"
+    "log 0x0C0000 0x040000"
+    "kernel 0x100000 0x200000"
+    "rootfs 0x300000 0x300000"
+    "FIP 0x600000 0x040000"
+    "user-config 0x640000 0x010000"
+    "radio 0x650000 0x010000"
+)
+
+RAW_PTN_BASE=0x060000
+
+# raw_layout_field NAME FIELD LAYOUT...: base (FIELD 2) or size (FIELD 3) of NAME.
+raw_layout_field()
+{
+    local name=$1 field=$2
+    shift 2
+    printf '%s\n' "$@" | awk -v n="$name" -v f="$field" '$1 == n { print $f }'
+}
+
+# raw_factory DIR: DIR/factory.img, the flash as the factory writes it, and the files it
+# was made from.
+raw_factory()
+{
+    local dir=$1 img=$1/factory.img
+    rig_blank "$img" $RAW_DISK
+    rig_table_json $RAW_DISK "${raw_old_layout[@]}" | rig_record "$dir/ptn-old.rec"
+    rig_put "$img" 0x060000 "$dir/ptn-old.rec"
+    rig_device_info VR100 55530000 | rig_record "$dir/device-info.rec"
+    rig_put "$img" 0x070000 "$dir/device-info.rec"
+    printf '{"dbootFlag":"1","integerFlag":"1","fwFlag":"GOOD","score":0,"note":"factory settings of the VR100"}' |
+        rig_record "$dir/extra-para.rec"
+    rig_put "$img" 0x080000 "$dir/extra-para.rec"
+    rig_firmware_info "1.0.0 Build 20260101 Rel.00001" VR100-FACTORY | rig_record "$dir/fwinfo-old.rec"
+    rig_put "$img" 0x090000 "$dir/fwinfo-old.rec"
+    local part
+    for part in BL2 FIP user-config log kernel rootfs; do
+        rig_random "$dir/old-$part.bin" "$(raw_layout_field "$part" 3 "${raw_old_layout[@]}")" \
+            "factory-$part"
+        rig_put "$img" "$(raw_layout_field "$part" 2 "${raw_old_layout[@]}")" "$dir/old-$part.bin"
+    done
+}
+
+# raw_firmware DIR: DIR/up.bin (image 1 for the VR200, image 2 for the VR100 with the new
+# layout; both share one rootfs) and DIR/other.bin (the VR200 image alone).
+raw_firmware()
+{
+    local dir=$1
+    rig_table_json $RAW_DISK "${raw_new_layout[@]}" >"$dir/ptn-new.json"
+    rig_random "$dir/new-BL2.bin" 0x12345 new-BL2
+    rig_random "$dir/new-FIP.bin" 0x30123 new-FIP
+    rig_random "$dir/new-kernel.bin" 0x1A0000 new-kernel
+    rig_random "$dir/vr200-kernel.bin" 0x100000 vr200-kernel
+    rig_random "$dir/new-rootfs.bin" 0x2C8001 new-rootfs
+    printf '{"support-list":[{"model_name":"VR100","model_version":"1.0","special_id":"55530000"}]}' \
+        >"$dir/support-vr100.json"
+    printf '{"support-list":[{"model_name":"VR200","model_version":"1.0","special_id":"55530000"}]}' \
+        >"$dir/support-vr200.json"
+    rig_firmware_info "1.4.0 Build 20261123 Rel.00042" VR100-NEW >"$dir/fwinfo-new.json"
+    local vr200='{
+      "partition-table": "ptn-new.json", "support-list": "support-vr200.json",
+      "firmware-info": "fwinfo-new.json",
+      "partitions": [{"name": "kernel", "file": "vr200-kernel.bin"},
+                     {"name": "rootfs", "file": "new-rootfs.bin"}]}'
+    local vr100='{
+      "partition-table": "ptn-new.json", "support-list": "support-vr100.json",
+      "firmware-info": "fwinfo-new.json",
+      "partitions": [{"name": "BL2", "file": "new-BL2.bin"},
+                     {"name": "FIP", "file": "new-FIP.bin"},
+                     {"name": "kernel", "file": "new-kernel.bin"},
+                     {"name": "rootfs", "file": "new-rootfs.bin"}]}'
+    echo "{\"images\": [$vr200, $vr100]}" >"$dir/up.json"
+    echo "{\"images\": [$vr200]}" >"$dir/other.json"
+    rig_pack "$dir/up.json" "$dir/up.bin"
+    rig_pack "$dir/other.json" "$dir/other.bin"
+}
+
+# raw_expected DIR: DIR/expected.img, the flash after the upgrade, worked out step by step
+# from the factory image: moves copy from the flash as it was, every carried partition is
+# erased (as the running system knows it) and written in 2048-byte units padded with 0xFF,
+# "BL2" and "FIP" at their new bases, and "extra-para" ends with the GOOD document.
+raw_expected()
+{
+    local dir=$1 exp=$1/expected.img
+    cp "$dir/factory.img" "$exp"
+    # Moves, from the factory bytes: "log" onto itself, "FIP" and "user-config" away.
+    rig_put "$exp" 0x600000 "$dir/old-FIP.bin"
+    rig_put "$exp" 0x640000 "$dir/old-user-config.bin"
+    local part base size
+    # Erases of the running system's partitions.
+    for part in partition-table firmware-info support-list BL2 FIP kernel rootfs; do
+        base=$(raw_layout_field "$part" 2 "${raw_old_layout[@]}")
+        size=$(raw_layout_field "$part" 3 "${raw_old_layout[@]}")
+        rig_blank "$dir/ff" "$size"
+        rig_put "$exp" "$base" "$dir/ff"
+    done
+    rig_record "$dir/ptn-new.rec" <"$dir/ptn-new.json"
+    rig_record "$dir/fwinfo-new.rec" <"$dir/fwinfo-new.json"
+    rig_record "$dir/support-vr100.rec" <"$dir/support-vr100.json"
+    local pair
+    for pair in ptn-new.rec:0x060000 fwinfo-new.rec:0x090000 support-vr100.rec:0x0A0000 \
+        new-BL2.bin:0x000000 new-FIP.bin:0x600000 new-kernel.bin:0x100000 \
+        new-rootfs.bin:0x300000; do
+        cp "$dir/${pair%:*}" "$dir/padded"
+        size=$(wc -c <"$dir/padded")
+        rig_pad "$dir/padded" $(((size + 2047) / 2048 * 2048))
+        rig_put "$exp" "${pair#*:}" "$dir/padded"
+    done
+    rig_get "$dir/factory.img" 0x080000 0x010000 "$dir/extra-para.exp"
+    rig_flag_overlay "$dir/extra-para.exp" on 0 0
+    rig_put "$exp" 0x080000 "$dir/extra-para.exp"
+    rm -f "$dir/ff" "$dir/padded"
+    printf '%s\n' "${raw_new_layout[@]}" >"$dir/new.list"
+}

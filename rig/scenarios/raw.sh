@@ -1,0 +1,27 @@
+# Raw flash: -C, then -U of a two-image file whose second image fits and changes the
+# layout. The flag in "extra-para" is watched while the upgrade runs; the router is then
+# booted again with the partitions of the new table and every byte of the flash is checked.
+
+scenario_raw()
+{
+    local data=$RIG_WORK/data
+    mkdir -p "$data"
+    raw_factory "$data"
+    raw_firmware "$data"
+    raw_expected "$data"
+    cp "$data/factory.img" "$RIG_WORK/flash.img"
+
+    local share status=0
+    share=$(rig_share upgrade raw)
+    cp "$data/up.bin" "$data/other.bin" "$data/expected.img" "$share/"
+    echo "FLASH=block2mtd FLASH_SIZE=$((RAW_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$RAW_PTN_BASE PHASE=upgrade" \
+        >"$share/config"
+    rig_guest "$share" "$RIG_WORK/flash.img" || status=1
+
+    share=$(rig_share reboot raw)
+    cp "$data/expected.img" "$data/new.list" "$share/"
+    echo "FLASH=block2mtd FLASH_SIZE=$((RAW_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$RAW_PTN_BASE PHASE=verify" \
+        >"$share/config"
+    rig_guest "$share" "$RIG_WORK/flash.img" || status=1
+    return $status
+}

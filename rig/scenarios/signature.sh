@@ -1,0 +1,31 @@
+# Signature: a firmware file with one byte changed is refused by -t, -C and -U, in both
+# work modes, and no byte of the flash or of a UBI volume changes.
+
+scenario_signature()
+{
+    local status=0 share raw=$RIG_WORK/raw-data ubi=$RIG_WORK/ubi-data size
+    mkdir -p "$raw" "$ubi"
+    raw_factory "$raw"
+    raw_firmware "$raw"
+    share=$(rig_share raw signature)
+    cp "$raw/up.bin" "$share/good.bin"
+    size=$(wc -c <"$raw/up.bin")
+    rig_tamper "$raw/up.bin" "$share/bad.bin" $((size - 1000))
+    cp "$raw/factory.img" "$raw/flash.img"
+    echo "FLASH=block2mtd FLASH_SIZE=$((RAW_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$RAW_PTN_BASE MODE=default" \
+        >"$share/config"
+    rig_guest "$share" "$raw/flash.img" || status=1
+
+    ubi_factory "$ubi"
+    ubi_firmware "$ubi"
+    share=$(rig_share ubi signature)
+    cp "$ubi/up.bin" "$share/good.bin"
+    size=$(wc -c <"$ubi/up.bin")
+    rig_tamper "$ubi/up.bin" "$share/bad.bin" $((size / 2))
+    cp -r "$ubi/factory" "$share/"
+    cp "$ubi/factory.img" "$ubi/flash.img"
+    echo "FLASH=block2mtd FLASH_SIZE=$((UBI_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$UBI_PTN_BASE UBI_ATTACH=ubi:0 MODE=ubi" \
+        >"$share/config"
+    rig_guest "$share" "$ubi/flash.img" || status=1
+    return $status
+}

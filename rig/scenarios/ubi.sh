@@ -1,0 +1,31 @@
+# UBI work mode: -C, -U with volume replacement through the volume-update ioctl, the user
+# data copied to the backup image, flags and scores; the same software version left alone;
+# roll-back. Every volume is read back and compared.
+
+scenario_ubi()
+{
+    local data=$RIG_WORK/data share
+    mkdir -p "$data"
+    ubi_factory "$data"
+    ubi_firmware "$data"
+    ubi_expected "$data"
+    # Roll-back from primary score 8 and backup score 3 (set with ubiupdatevol).
+    local rb=$data/rollback
+    mkdir -p "$rb"
+    printf '{"dbootFlag":"1","integerFlag":"1","fwFlag":"GOOD","score":8}\0' | rig_record "$rb/primary.rec"
+    printf '{"dbootFlag":"0","integerFlag":"0","fwFlag":"BAD","score":3,"note":"left over"}\0' |
+        rig_record "$rb/backup.rec"
+    cp "$rb/primary.rec" "$rb/extra-para"
+    cp "$rb/backup.rec" "$rb/extra-para.b"
+    rig_flag_overlay "$rb/extra-para.b" on 9 1
+    rig_pad "$rb/extra-para" "$RIG_LEB"
+    rig_pad "$rb/extra-para.b" "$RIG_LEB"
+
+    share=$(rig_share vm ubi)
+    cp "$data"/{up,same,old,other}.bin "$share/"
+    cp -r "$data/factory" "$data/upgraded" "$rb" "$share/"
+    cp "$data/factory.img" "$RIG_WORK/flash.img"
+    echo "FLASH=block2mtd FLASH_SIZE=$((UBI_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$UBI_PTN_BASE UBI_ATTACH=ubi:0" \
+        >"$share/config"
+    rig_guest "$share" "$RIG_WORK/flash.img"
+}
