@@ -19,6 +19,7 @@ RIG_CUTS=4
 . "$RIG_DIR/lib/host.sh"
 . "$RIG_DIR/lib/raw_device.sh"
 . "$RIG_DIR/lib/ubi_device.sh"
+. "$RIG_DIR/lib/dual_device.sh"
 for f in "$RIG_DIR"/scenarios/*.sh; do
     case $f in *.guest.sh) ;; *) . "$f" ;; esac
 done

@@ -75,10 +75,12 @@ rig_flash_up()
         modprobe block2mtd block2mtd=/dev/vda,$((ERASE_SIZE / 1024))KiB || return 1
         ;;
     esac
-    # Dirty pages reach the flash file within 10 ms, as writes reach a real chip; a power
-    # cut still loses what is in flight.
+    # block2mtd writes into the page cache of /dev/vda: have the flusher write dirty pages
+    # out at once (background threshold one page, every 10 ms), so the flash file follows
+    # the writes closely as a real chip would; a power cut still loses what is in flight.
+    echo 4096 >/proc/sys/vm/dirty_background_bytes
     echo 1 >/proc/sys/vm/dirty_writeback_centisecs
-    echo 1 >/proc/sys/vm/dirty_expire_centisecs
+    echo 0 >/proc/sys/vm/dirty_expire_centisecs
     if [ -n "$PTN_BASE" ]; then
         rig_read_record /dev/mtd0 $((PTN_BASE)) /tmp/ptn.json || {
             echo "rig: no partition table at $PTN_BASE"
@@ -129,10 +131,10 @@ expect_same()
     if cmp -s "$2" "$3"; then ok "$1"; else not_ok "$1: $(cmp "$2" "$3" 2>&1 | head -1)"; fi
 }
 
-# expect_status LABEL EXPECTED ACTUAL
-expect_status()
+# expect_value LABEL EXPECTED ACTUAL
+expect_value()
 {
-    if [ "$2" = "$3" ]; then ok "$1"; else not_ok "$1: exit status $3, expected $2"; fi
+    if [ "$2" = "$3" ]; then ok "$1"; else not_ok "$1: got $3, expected $2"; fi
 }
 
 # Runs the tool with its output in /rig/out/NAME.log and sets TOOL_STATUS.
@@ -166,4 +168,37 @@ expect_volumes()
             expect_same "$label: $name" "$dev" "$dir/$name"
         fi
     done
+}
+
+# item_dev ITEM: the device of "mtd:NAME" or "ubiN:NAME".
+item_dev()
+{
+    case $1 in
+    mtd:*) mtd_dev "${1#mtd:}" ;;
+    ubi*:*) local u=${1%%:*}; ubi_vol_dev "${u#ubi}" "${1#*:}" ;;
+    esac
+}
+
+# items_state DIR ITEM...: "same" when every item reads back as DIR/NAME, else "differs".
+items_state()
+{
+    local dir=$1 item dev
+    shift
+    for item in "$@"; do
+        dev=$(item_dev "$item")
+        [ -n "$dev" ] && cmp -s "$dev" "$dir/${item#*:}" || { echo differs; return; }
+    done
+    echo same
+}
+
+# flag_of ITEM: "FLAG:SCORE" of the flag record in ITEM, or "unreadable".
+flag_of()
+{
+    local dev
+    dev=$(item_dev "$1")
+    [ -n "$dev" ] && rig_read_record "$dev" 0 /tmp/flag.json 2>/dev/null || { echo unreadable; return; }
+    local flag score
+    flag=$(tr -d '\0' </tmp/flag.json | grep -o '"fwFlag":"[A-Z]*"' | cut -d'"' -f4)
+    score=$(tr -d '\0' </tmp/flag.json | grep -o '"score":-*[0-9]*' | cut -d: -f2)
+    echo "${flag:-none}:${score:-none}"
 }

@@ -150,3 +150,16 @@ rig_tamper()
     printf "$(printf '\\%03o' $((255 - byte)))" |
         dd of="$2" bs=1 seek="$(($3))" conv=notrunc status=none
 }
+
+# rig_content_offset FILE IMAGE NAME: file offset of partition NAME's content in image
+# IMAGE (0 first) of firmware FILE, from the pack tool's inspection.
+rig_content_offset()
+{
+    local at base
+    read -r at base < <("$RIG_PACK" inspect "$1" 2>/dev/null | awk -v img="$2" -v name="'$3'" '
+        $1 == "image" { cur = $2; at = $4 }
+        cur == img && $1 == "name" && $2 == name { print at, $4; exit }')
+    base=$((base))
+    [ $base -ge $((0x80000000)) ] && base=$((base - 0x100000000))
+    echo $((at + 4160 + 65536 + base))
+}

@@ -58,3 +58,38 @@ rig_wait_for()
     done
     return 1
 }
+
+rig_now_ms()
+{
+    echo $(($(date +%s%N) / 1000000))
+}
+
+# rig_boot_cut SHARE FLASH [CUT_MS]: boots the VM, waits for the guest's "RIG-MARK start"
+# line and, with CUT_MS, kills the whole machine CUT_MS milliseconds later: the power cut.
+# Without CUT_MS it waits for "RIG-MARK end" and sets RIG_UPGRADE_MS to the time between
+# the two marks. Sets RIG_CUT to "cut" or to "finished" (the upgrade ended first).
+rig_boot_cut()
+{
+    local share=$1 flash=$2 cut=${3:-} log=$1/console.log t0
+    mkdir -p "$share/out"
+    rig_qemu "$share" "$flash" "$log"
+    RIG_CUT=finished
+    if ! rig_wait_for "$log" '^RIG-MARK start' "$RIG_BOOT_TIMEOUT"; then
+        kill -9 "$RIG_QEMU_PID" 2>/dev/null
+        wait "$RIG_QEMU_PID" 2>/dev/null
+        echo "    the upgrade did not start (console: $log)"
+        return 1
+    fi
+    t0=$(rig_now_ms)
+    if [ -n "$cut" ]; then
+        sleep "$(printf '%d.%03d' $((cut / 1000)) $((cut % 1000)))"
+        grep -q '^RIG-MARK end' "$log" || RIG_CUT=cut
+        kill -9 "$RIG_QEMU_PID" 2>/dev/null
+    else
+        rig_wait_for "$log" '^RIG-MARK end' "$RIG_BOOT_TIMEOUT" || true
+        RIG_UPGRADE_MS=$(($(rig_now_ms) - t0))
+        rig_wait_for "$log" '^RIG-END' "$RIG_BOOT_TIMEOUT" || kill -9 "$RIG_QEMU_PID" 2>/dev/null
+    fi
+    wait "$RIG_QEMU_PID" 2>/dev/null
+    return 0
+}

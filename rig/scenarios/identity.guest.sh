@@ -4,8 +4,8 @@
 data=$(mtd_dev data)
 n=${data#/dev/mtd}
 [ -n "$data" ] && ok "partition 'data' is $data" || not_ok "no partition 'data'"
-expect_status "mtdN reads the partition's size" $((0x030000)) "$(wc -c <"$data")"
-expect_status "sysfs size of mtd$n" $((0x030000)) "$(cat /sys/class/mtd/mtd$n/size)"
+expect_value "mtdN reads the partition's size" $((0x030000)) "$(wc -c <"$data")"
+expect_value "sysfs size of mtd$n" $((0x030000)) "$(cat /sys/class/mtd/mtd$n/size)"
 
 # Written through the partition's character device, read through the three other views.
 flash_erase -q "$data" 0 0
@@ -29,16 +29,16 @@ expect_same "partition-table partition holds the factory record" /tmp/ptn.head /
 
 # UBI on the "ubi" partition: an empty partition is formatted on attach.
 ubiattach -m "$(mtd_index ubi)" -d 0 >/dev/null && ok "ubiattach" || not_ok "ubiattach"
-expect_status "UBI interface version" 1 "$(cat /sys/class/ubi/version)"
+expect_value "UBI interface version" 1 "$(cat /sys/class/ubi/version)"
 ubimkvol /dev/ubi0 -N vol -s 262144 >/dev/null && ok "ubimkvol" || not_ok "ubimkvol"
 vol=$(ubi_vol_dev 0 vol)
 ubiupdatevol "$vol" /rig/vol.bin && ok "ubiupdatevol $vol" || not_ok "ubiupdatevol"
 d=/sys/class/ubi/${vol#/dev/}
 reserved=$(($(cat "$d/reserved_ebs") * $(cat "$d/usable_eb_size")))
-expect_status "volume reads back at its reserved size" "$reserved" "$(wc -c <"$vol")"
+expect_value "volume reads back at its reserved size" "$reserved" "$(wc -c <"$vol")"
 cp /rig/vol.bin /tmp/vol.expect
 head -c $((reserved - 100000)) /dev/zero | tr '\0' '\377' >>/tmp/vol.expect
 expect_same "volume holds the image, then 0xFF" "$vol" /tmp/vol.expect
-expect_status "ubi0 is a character device" c "$(stat -c %F /dev/ubi0 | cut -c1)"
+expect_value "ubi0 is a character device" c "$(stat -c %F /dev/ubi0 | cut -c1)"
 
 rig_done

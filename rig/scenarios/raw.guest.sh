@@ -21,9 +21,9 @@ if [ "$PHASE" = upgrade ]; then
     dd if=/dev/mtd0 of=/tmp/before.img bs=65536 status=none
 
     run_tool check -C -u /tmp/other.bin
-    expect_status "-C refuses a file for another model" 255 "$TOOL_STATUS"
+    expect_value "-C refuses a file for another model" 255 "$TOOL_STATUS"
     run_tool check -C -u /tmp/up.bin
-    expect_status "-C accepts the two-image file" 0 "$TOOL_STATUS"
+    expect_value "-C accepts the two-image file" 0 "$TOOL_STATUS"
     expect_same "-C wrote nothing" /dev/mtd0 /tmp/before.img
 
     watch_flag "$(mtd_dev extra-para)" >/tmp/flags &
@@ -31,7 +31,7 @@ if [ "$PHASE" = upgrade ]; then
     run_tool upgrade -U -u /tmp/up.bin
     touch /tmp/stop-watch
     wait $watcher
-    expect_status "-U installs the second image" 0 "$TOOL_STATUS"
+    expect_value "-U installs the second image" 0 "$TOOL_STATUS"
     flags=$(tr '\n' ' ' </tmp/flags)
     case $flags in
     "GOOD "*"BAD "*GOOD" ") ok "extra-para went $flags" ;;
@@ -47,7 +47,7 @@ else
             continue
         fi
         n=${dev#/dev/mtd}
-        expect_status "$name at $base" "$((base))" "$(cat /sys/class/mtd/mtd$n/offset)"
+        expect_value "$name at $base" "$((base))" "$(cat /sys/class/mtd/mtd$n/offset)"
         dd if=/rig/expected.img of=/tmp/part bs=65536 skip=$((base / 65536)) \
             count=$((size / 65536)) status=none
         expect_same "$name through $dev" "$dev" /tmp/part

@@ -5,13 +5,13 @@ cp /rig/good.bin /rig/bad.bin /tmp/
 dd if=/dev/mtd0 of=/tmp/before.img bs=65536 status=none
 
 run_tool good -t /tmp/good.bin
-expect_status "-t accepts the signed file" 0 "$TOOL_STATUS"
+expect_value "-t accepts the signed file" 0 "$TOOL_STATUS"
 run_tool bad -t /tmp/bad.bin
-expect_status "-t refuses the tampered file" 255 "$TOOL_STATUS"
+expect_value "-t refuses the tampered file" 255 "$TOOL_STATUS"
 run_tool bad -C -w "$MODE" -u /tmp/bad.bin
-expect_status "-C -w $MODE refuses the tampered file" 255 "$TOOL_STATUS"
+expect_value "-C -w $MODE refuses the tampered file" 255 "$TOOL_STATUS"
 run_tool bad -U -w "$MODE" -u /tmp/bad.bin
-expect_status "-U -w $MODE refuses the tampered file" 255 "$TOOL_STATUS"
+expect_value "-U -w $MODE refuses the tampered file" 255 "$TOOL_STATUS"
 expect_same "the tampered file is left as it was" /tmp/bad.bin /rig/bad.bin
 
 if [ "$MODE" = ubi ]; then

@@ -5,27 +5,27 @@ cp /rig/*.bin /tmp/
 expect_volumes "factory" 0 /rig/factory
 
 run_tool check -C -w ubi -p 0 -u /tmp/up.bin
-expect_status "-C accepts the VR500 image" 0 "$TOOL_STATUS"
+expect_value "-C accepts the VR500 image" 0 "$TOOL_STATUS"
 run_tool check -C -w ubi -u /tmp/other.bin
-expect_status "-C refuses a VR100 file" 255 "$TOOL_STATUS"
+expect_value "-C refuses a VR100 file" 255 "$TOOL_STATUS"
 run_tool check -C -w ubi -u /tmp/old.bin
-expect_status "-C refuses 1.2.9" 255 "$TOOL_STATUS"
+expect_value "-C refuses 1.2.9" 255 "$TOOL_STATUS"
 run_tool check -C -w ubi -u /tmp/same.bin
-expect_status "-C accepts the installed version" 0 "$TOOL_STATUS"
+expect_value "-C accepts the installed version" 0 "$TOOL_STATUS"
 expect_volumes "after -C" 0 /rig/factory
 
 run_tool upgrade -U -w ubi -p 0 -u /tmp/up.bin
-expect_status "-U installs the VR500 image" 0 "$TOOL_STATUS"
+expect_value "-U installs the VR500 image" 0 "$TOOL_STATUS"
 expect_volumes "after -U" 0 /rig/upgraded
 
 run_tool same -U -w ubi -p 0 -u /tmp/same.bin
-expect_status "-U of the installed version succeeds" 0 "$TOOL_STATUS"
+expect_value "-U of the installed version succeeds" 0 "$TOOL_STATUS"
 expect_volumes "after -U of the installed version" 0 /rig/upgraded
 
 ubiupdatevol "$(ubi_vol_dev 0 extra-para)" /rig/rollback/primary.rec
 ubiupdatevol "$(ubi_vol_dev 0 extra-para.b)" /rig/rollback/backup.rec
 run_tool rollback -r -p 0
-expect_status "-r" 0 "$TOOL_STATUS"
+expect_value "-r" 0 "$TOOL_STATUS"
 expect_volumes "after -r" 0 /rig/rollback extra-para extra-para.b
 run_tool rollback -r
 expect_volumes "after a second -r" 0 /rig/rollback extra-para extra-para.b

@@ -1,0 +1,20 @@
+# Raw flash, image carrying "ubi": "extra-para-ubi" is attached as UBI device 4 for the
+# flags, "ubi" and "firmware-info" go to their ".b" twins by score, and the running image
+# is left alone.
+
+scenario_raw_ubi()
+{
+    local data=$RIG_WORK/data share
+    mkdir -p "$data"
+    dual_factory "$data"
+    dual_firmware "$data"
+    dual_expected "$data"
+    cp "$data/factory.img" "$RIG_WORK/flash.img"
+    share=$(rig_share vm raw-ubi)
+    cp -r "$data/up.bin" "$data/factory" "$data/upgraded" "$share/"
+    cat >"$share/config" <<CONFIG
+FLASH=block2mtd FLASH_SIZE=$((DUAL_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$DUAL_PTN_BASE
+OTHER="$dual_other" TARGET="$dual_target" FLAG="$dual_flag"
+CONFIG
+    rig_guest "$share" "$RIG_WORK/flash.img"
+}
