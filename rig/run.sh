@@ -9,17 +9,8 @@
 set -euo pipefail
 
 RIG_ROOT=$(cd "$(dirname "$0")/.." && pwd)
-RIG_DIR=$RIG_ROOT/rig
-RIG_BUILD=$RIG_ROOT/build-rig
-RIG_BOOT_TIMEOUT=${RIG_BOOT_TIMEOUT:-120}
+. "$RIG_ROOT/rig/lib/common.sh"
 RIG_CUTS=4
-
-. "$RIG_DIR/lib/build.sh"
-. "$RIG_DIR/lib/vm.sh"
-. "$RIG_DIR/lib/host.sh"
-. "$RIG_DIR/lib/raw_device.sh"
-. "$RIG_DIR/lib/ubi_device.sh"
-. "$RIG_DIR/lib/dual_device.sh"
 for f in "$RIG_DIR"/scenarios/*.sh; do
     case $f in *.guest.sh) ;; *) . "$f" ;; esac
 done
@@ -50,31 +41,6 @@ done
 t0=$SECONDS
 rig_build_all
 echo "rig: kernel $RIG_KVER, initramfs $(($(wc -c <"$RIG_INITRD") / 1024)) KiB, built in $((SECONDS - t0)) s"
-
-# rig_share NAME SCENARIO: a fresh shared folder for one VM, holding the scenario's guest
-# script. Prints its path.
-rig_share()
-{
-    local share=$RIG_WORK/$1
-    rm -rf "$share"
-    mkdir -p "$share/out"
-    cp "$RIG_DIR/scenarios/$2.guest.sh" "$share/guest.sh"
-    echo "$share"
-}
-
-# rig_guest SHARE [FLASH]: boots the VM and reports its checks. Result: the guest's status.
-rig_guest()
-{
-    local share=$1 status=0
-    rig_boot "$@" || status=$?
-    local log=$share/out/guest.log
-    local oks=0
-    [ -f "$log" ] && oks=$(grep -c '^ok - ' "$log" || true)
-    echo "    ${share##*/}: $oks checks passed, boot to power-off ${RIG_BOOT_SECONDS}s"
-    [ -f "$log" ] && grep '^not ok - ' "$log" | sed 's/^/    /' || true
-    [ $status -eq 97 ] && echo "    no end marker; console: $share/console.log"
-    return $status
-}
 
 passed=0
 failed=0

@@ -24,8 +24,9 @@ rig_install_packages()
 # change).
 rig_build_tool()
 {
-    local src=$RIG_ROOT
+    local src=$RIG_ROOT tree=$RIG_BUILD/tool
     if [ "${RIG_FROM_HEAD:-0}" = 1 ]; then
+        tree=$RIG_BUILD/tool-head
         src=$RIG_BUILD/head
         local head
         head=$(git -C "$RIG_ROOT" rev-parse HEAD)
@@ -36,11 +37,17 @@ rig_build_tool()
             echo "$head" >"$src/.rig-head"
         fi
     fi
-    cmake -S "$src" -B "$RIG_BUILD/tool" -G Ninja -DVIREO_BUILD_TESTS=OFF \
-        -DVIREO_BUILD_BENCH=OFF >/dev/null
-    cmake --build "$RIG_BUILD/tool" -j2 >/dev/null
-    RIG_TOOL=$RIG_BUILD/tool/vireo_firmware_upgrade
-    RIG_PACK=$RIG_BUILD/tool/vireo_firmware_pack
+    cmake -S "$src" -B "$tree" -G Ninja -DVIREO_BUILD_TESTS=OFF -DVIREO_BUILD_BENCH=OFF >/dev/null
+    cmake --build "$tree" -j2 >/dev/null
+    RIG_TOOL=$tree/vireo_firmware_upgrade
+    RIG_PACK=$tree/vireo_firmware_pack
+}
+
+# The kernel package that linux-image-amd64 depends on, as apt knows it.
+rig_kernel_package()
+{
+    apt-cache depends linux-image-amd64 2>/dev/null |
+        awk '/Depends: linux-image-[0-9]/ { print $2; exit }'
 }
 
 # Debian 12's kernel package (the version linux-image-amd64 points at), fetched once and
@@ -51,8 +58,10 @@ rig_fetch_kernel()
     local cache=$RIG_BUILD/cache
     mkdir -p "$cache"
     local pkg
-    pkg=$(apt-cache depends linux-image-amd64 2>/dev/null |
-          awk '/Depends: linux-image-[0-9]/ { print $2; exit }')
+    pkg=$(rig_kernel_package)
+    if [ -z "$pkg" ] && ! ls "$cache"/linux-image-*-amd64_*.deb >/dev/null 2>&1; then
+        apt-get update -qq && pkg=$(rig_kernel_package)
+    fi
     if [ -z "$pkg" ]; then
         pkg=$(cd "$cache" && ls linux-image-*-amd64_*.deb 2>/dev/null | head -1 | cut -d_ -f1)
     fi

@@ -13,7 +13,7 @@ scenario_identity()
 {
     local status=0 backend flash share
     for backend in mtdram block2mtd; do
-        share=$(rig_share "$backend" identity)
+        share=$(rig_share "$backend" "$RIG_DIR/scenarios/identity.guest.sh")
         flash=$share/flash.img
         rig_blank "$flash" 0x400000
         rig_table_json 0x400000 "${identity_layout[@]}" | rig_record "$share/ptn.rec"

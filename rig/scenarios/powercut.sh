@@ -49,7 +49,7 @@ CONFIG
 powercut_boot()
 {
     local share
-    share=$(rig_share "$1" powercut)
+    share=$(rig_share "$1" "$RIG_DIR/scenarios/powercut.guest.sh")
     cp -r "$data/up.bin" "$data/factory" "$data/upgraded" "$share/"
     { cat "$data/config"; echo "PHASE=$2"; } >"$share/config"
     if [ "$2" = upgrade ]; then

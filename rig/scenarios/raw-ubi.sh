@@ -10,7 +10,7 @@ scenario_raw_ubi()
     dual_firmware "$data"
     dual_expected "$data"
     cp "$data/factory.img" "$RIG_WORK/flash.img"
-    share=$(rig_share vm raw-ubi)
+    share=$(rig_share vm "$RIG_DIR/scenarios/raw-ubi.guest.sh")
     cp -r "$data/up.bin" "$data/factory" "$data/upgraded" "$share/"
     cat >"$share/config" <<CONFIG
 FLASH=block2mtd FLASH_SIZE=$((DUAL_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$DUAL_PTN_BASE

@@ -12,13 +12,13 @@ scenario_raw()
     cp "$data/factory.img" "$RIG_WORK/flash.img"
 
     local share status=0
-    share=$(rig_share upgrade raw)
+    share=$(rig_share upgrade "$RIG_DIR/scenarios/raw.guest.sh")
     cp "$data/up.bin" "$data/other.bin" "$data/expected.img" "$share/"
     echo "FLASH=block2mtd FLASH_SIZE=$((RAW_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$RAW_PTN_BASE PHASE=upgrade" \
         >"$share/config"
     rig_guest "$share" "$RIG_WORK/flash.img" || status=1
 
-    share=$(rig_share reboot raw)
+    share=$(rig_share reboot "$RIG_DIR/scenarios/raw.guest.sh")
     cp "$data/expected.img" "$data/new.list" "$share/"
     echo "FLASH=block2mtd FLASH_SIZE=$((RAW_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$RAW_PTN_BASE PHASE=verify" \
         >"$share/config"

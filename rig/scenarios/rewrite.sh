@@ -9,7 +9,7 @@ scenario_rewrite()
     dual_factory "$raw"
     dual_firmware "$raw"
     dual_expected "$raw"
-    share=$(rig_share raw rewrite)
+    share=$(rig_share raw "$RIG_DIR/scenarios/rewrite.guest.sh")
     cp -r "$raw/up.bin" "$raw/factory" "$raw/upgraded" "$share/"
     off=$(rig_content_offset "$raw/up.bin" 0 ubi)
     rig_random "$share/evil.bin" "$(wc -c <"$raw/new-ubi.bin")" rewrite-evil
@@ -23,7 +23,7 @@ CONFIG
     ubi_factory "$ubi"
     ubi_firmware "$ubi"
     ubi_expected "$ubi"
-    share=$(rig_share ubi rewrite)
+    share=$(rig_share ubi "$RIG_DIR/scenarios/rewrite.guest.sh")
     cp -r "$ubi/up.bin" "$ubi/factory" "$ubi/upgraded" "$share/"
     off=$(rig_content_offset "$ubi/up.bin" 0 kernel.b)
     rig_random "$share/evil.bin" "$(wc -c <"$ubi/new-kernel.bin")" rewrite-evil

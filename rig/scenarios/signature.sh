@@ -7,7 +7,7 @@ scenario_signature()
     mkdir -p "$raw" "$ubi"
     raw_factory "$raw"
     raw_firmware "$raw"
-    share=$(rig_share raw signature)
+    share=$(rig_share raw "$RIG_DIR/scenarios/signature.guest.sh")
     cp "$raw/up.bin" "$share/good.bin"
     size=$(wc -c <"$raw/up.bin")
     rig_tamper "$raw/up.bin" "$share/bad.bin" $((size - 1000))
@@ -18,7 +18,7 @@ scenario_signature()
 
     ubi_factory "$ubi"
     ubi_firmware "$ubi"
-    share=$(rig_share ubi signature)
+    share=$(rig_share ubi "$RIG_DIR/scenarios/signature.guest.sh")
     cp "$ubi/up.bin" "$share/good.bin"
     size=$(wc -c <"$ubi/up.bin")
     rig_tamper "$ubi/up.bin" "$share/bad.bin" $((size / 2))

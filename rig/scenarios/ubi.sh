@@ -21,7 +21,7 @@ scenario_ubi()
     rig_pad "$rb/extra-para" "$RIG_LEB"
     rig_pad "$rb/extra-para.b" "$RIG_LEB"
 
-    share=$(rig_share vm ubi)
+    share=$(rig_share vm "$RIG_DIR/scenarios/ubi.guest.sh")
     cp "$data"/{up,same,old,other}.bin "$share/"
     cp -r "$data/factory" "$data/upgraded" "$rb" "$share/"
     cp "$data/factory.img" "$RIG_WORK/flash.img"

@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# The tool's main job on the virtual router: packs and signs a firmware file with
+# vireo_firmware_pack, boots the router VR100 with its factory layout, runs -C and then -U,
+# and shows the partition table and the boot flag before and after (after a reboot, when
+# the new layout has become the router's partitions). Everything it needs is installed
+# from Debian's packages and built on the first run.
+set -euo pipefail
+RIG_ROOT=$(cd "$(dirname "$0")/.." && pwd)
+. "$RIG_ROOT/rig/lib/common.sh"
+
+echo "== building the tool, the kernel and the router's initramfs (cached in build-rig/)"
+rig_build_all
+RIG_WORK=$RIG_BUILD/work/demo
+rm -rf "$RIG_WORK"
+data=$RIG_WORK/data
+mkdir -p "$data"
+raw_factory "$data"
+raw_firmware "$data"
+cp "$data/factory.img" "$RIG_WORK/flash.img"
+
+echo
+echo "== the firmware file: two images, the second for the VR100 with a new layout"
+echo "\$ vireo_firmware_pack build up.json --key keys/vireo_test_key_DO_NOT_SHIP.pem -o up.bin"
+sed 's/^/    /' "$data/up.json"
+echo "\$ vireo_firmware_pack inspect up.bin | grep -E 'image|name|signature'"
+"$RIG_PACK" inspect "$data/up.bin" | grep -E "^image|  name|signature"
+
+share=$(rig_share router "$RIG_DIR/guest/demo.sh")
+cp "$data/up.bin" "$share/"
+config="FLASH=block2mtd FLASH_SIZE=$((RAW_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$RAW_PTN_BASE"
+echo "$config PHASE=upgrade" >"$share/config"
+echo
+echo "== booting the router (QEMU, TCG) on its factory flash"
+rig_boot "$share" "$RIG_WORK/flash.img" || true
+cat "$share/out/guest.log"
+echo "    (booted and powered off in ${RIG_BOOT_SECONDS}s; full traces in ${share#$RIG_ROOT/}/out/)"
+
+share=$(rig_share reboot "$RIG_DIR/guest/demo.sh")
+echo "$config PHASE=reboot" >"$share/config"
+echo
+echo "== rebooting the router on the same flash: the partitions are those of its table now"
+rig_boot "$share" "$RIG_WORK/flash.img" || true
+cat "$share/out/guest.log"
