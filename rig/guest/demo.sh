@@ -10,7 +10,12 @@ show()
     echo "--- the table in the \"partition-table\" partition (vireo_firmware_upgrade -s -P)"
     rig_read_record "$(mtd_dev partition-table)" 0 /tmp/ptn.json
     vireo_firmware_upgrade -s -P /tmp/ptn.json | sed -n '/^---/,/^====/p' | grep -v '^===='
-    echo "--- boot flag in \"extra-para\""
+    show_flag
+}
+
+show_flag()
+{
+    echo "--- boot flag in \"extra-para\"$1"
     rig_read_record "$(mtd_dev extra-para)" 0 /tmp/flag.json
     tr -d '\0' </tmp/flag.json
     echo
@@ -33,8 +38,5 @@ if [ "$PHASE" = upgrade ]; then
     cp /rig/up.bin /tmp/up.bin
     demo_run -C -u /tmp/up.bin
     demo_run -U -u /tmp/up.bin
-    echo "--- boot flag in \"extra-para\" after -U"
-    rig_read_record "$(mtd_dev extra-para)" 0 /tmp/flag.json
-    tr -d '\0' </tmp/flag.json
-    echo
+    show_flag " after -U"
 fi

@@ -36,3 +36,11 @@ rig_guest()
     return $status
 }
 
+
+# rig_device DEVICE DIR: DEVICE's (raw, dual or ubi) factory flash, firmware files and
+# expected contents after the upgrade, in DIR.
+rig_device()
+{
+    mkdir -p "$2"
+    "$1_factory" "$2" && "$1_firmware" "$2" && "$1_expected" "$2"
+}

@@ -10,10 +10,7 @@
 scenario_powercut_raw()
 {
     local data=$RIG_WORK/data
-    mkdir -p "$data"
-    dual_factory "$data"
-    dual_firmware "$data"
-    dual_expected "$data"
+    rig_device dual "$data"
     cat >"$data/config" <<CONFIG
 FLASH=block2mtd FLASH_SIZE=$((DUAL_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$DUAL_PTN_BASE
 TOOL_ARGS="-U -u /tmp/up.bin"
@@ -25,10 +22,7 @@ CONFIG
 scenario_powercut_ubi()
 {
     local data=$RIG_WORK/data
-    mkdir -p "$data"
-    ubi_factory "$data"
-    ubi_firmware "$data"
-    ubi_expected "$data"
+    rig_device ubi "$data"
     local other="" target="" name
     for name in device-info firmware-info extra-para kernel rootfs rootfs_data log; do
         other="$other ubi0:$name"

@@ -5,10 +5,7 @@
 scenario_raw_ubi()
 {
     local data=$RIG_WORK/data share
-    mkdir -p "$data"
-    dual_factory "$data"
-    dual_firmware "$data"
-    dual_expected "$data"
+    rig_device dual "$data"
     cp "$data/factory.img" "$RIG_WORK/flash.img"
     share=$(rig_share vm "$RIG_DIR/scenarios/raw-ubi.guest.sh")
     cp -r "$data/up.bin" "$data/factory" "$data/upgraded" "$share/"

@@ -5,10 +5,7 @@
 scenario_raw()
 {
     local data=$RIG_WORK/data
-    mkdir -p "$data"
-    raw_factory "$data"
-    raw_firmware "$data"
-    raw_expected "$data"
+    rig_device raw "$data"
     cp "$data/factory.img" "$RIG_WORK/flash.img"
 
     local share status=0

@@ -5,10 +5,7 @@
 scenario_rewrite()
 {
     local status=0 share raw=$RIG_WORK/raw-data ubi=$RIG_WORK/ubi-data off
-    mkdir -p "$raw" "$ubi"
-    dual_factory "$raw"
-    dual_firmware "$raw"
-    dual_expected "$raw"
+    rig_device dual "$raw"
     share=$(rig_share raw "$RIG_DIR/scenarios/rewrite.guest.sh")
     cp -r "$raw/up.bin" "$raw/factory" "$raw/upgraded" "$share/"
     off=$(rig_content_offset "$raw/up.bin" 0 ubi)
@@ -20,9 +17,7 @@ TOOL_ARGS="-U -u /tmp/up.bin" EVIL_AT=$off TARGET="$dual_target" FLAG="$dual_fla
 CONFIG
     rig_guest "$share" "$raw/flash.img" || status=1
 
-    ubi_factory "$ubi"
-    ubi_firmware "$ubi"
-    ubi_expected "$ubi"
+    rig_device ubi "$ubi"
     share=$(rig_share ubi "$RIG_DIR/scenarios/rewrite.guest.sh")
     cp -r "$ubi/up.bin" "$ubi/factory" "$ubi/upgraded" "$share/"
     off=$(rig_content_offset "$ubi/up.bin" 0 kernel.b)

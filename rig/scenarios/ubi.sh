@@ -5,10 +5,7 @@
 scenario_ubi()
 {
     local data=$RIG_WORK/data share
-    mkdir -p "$data"
-    ubi_factory "$data"
-    ubi_firmware "$data"
-    ubi_expected "$data"
+    rig_device ubi "$data"
     # Roll-back from primary score 8 and backup score 3 (set with ubiupdatevol).
     local rb=$data/rollback
     mkdir -p "$rb"
