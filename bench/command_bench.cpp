@@ -63,8 +63,10 @@ int main(int argc, char **argv)
         c = static_cast<char>(rng());
     const std::string devinfo = devinfo_json("VR100", "1.0", "55530000");
     const std::string list = "[" + entry_json("VR100", "1.0", "55530000") + "]";
+    const std::string fwinfo =
+        R"({"software-version": "1.4.0 Build 1 Rel.1", "firmware-id": "ID"})";
     const std::vector<uint8_t> file =
-        pack_firmware(dir, fw_manifest(dir, {{list, "", "", {{"kernel", kernel}}}}));
+        pack_firmware(dir, fw_manifest(dir, {{list, "", fwinfo, {{"kernel", kernel}}}}));
     if (file.empty()) {
         fprintf(stderr, "packing the firmware file failed\n");
         return 1;
@@ -82,5 +84,16 @@ int main(int argc, char **argv)
     report("-t", head, md5, 1.10);
     printf("-t peak memory: %ld KiB (target < 4096 KiB) %s\n", head.max_rss_kb,
            head.max_rss_kb < 4096 ? "ok" : "MISSED");
-    return check.status == 0 && head.status == 0 ? 0 : 1;
+
+    fake_root ubi;
+    ubi.write("sys/class/ubi/version", "1\n");
+    ubi.ubi_volume(0, 0, "device-info", with_content_header(devinfo));
+    ubi.ubi_volume(0, 1, "firmware-info", with_content_header(fwinfo));
+    const measure check_ubi =
+        run({VIREO_FAKE_ROOT_TOOL, ubi.path, "-C", "-w", "ubi", "-u", up}, runs);
+    report("-C -w ubi", check_ubi, md5, 1.30);
+    const long budget = static_cast<long>(file.size() / 1024) + 4096;
+    printf("-C -w ubi peak memory: %ld KiB (target <= file + 4 MiB = %ld KiB) %s\n",
+           check_ubi.max_rss_kb, budget, check_ubi.max_rss_kb <= budget ? "ok" : "MISSED");
+    return check.status == 0 && head.status == 0 && check_ubi.status == 0 ? 0 : 1;
 }

@@ -132,10 +132,10 @@ int32_t vireo_file_write_by_offset(const char *path, int32_t offset, const uint8
     return 0;
 }
 
-int32_t vireo_file_write_by_offset_block_mode(const char *path, int32_t offset, const uint8_t *data,
-                                              int32_t len, int32_t block_size, uint32_t *out_len)
+int32_t vireo_file_write_units(const char *path, int32_t offset, int32_t len, int32_t block_size,
+                               const vireo_unit_source &next, uint32_t *out_len)
 {
-    if (bad_path(path) || !data || len <= 0 || block_size <= 0) {
+    if (bad_path(path) || len <= 0 || block_size <= 0) {
         VIREO_TRACE("Invalid param\n");
         return -1;
     }
@@ -174,9 +174,14 @@ int32_t vireo_file_write_by_offset_block_mode(const char *path, int32_t offset, 
         const int32_t pos = offset + done;
         lseek(file.fd, pos, SEEK_SET);
         const int32_t chunk = len - done < block_size ? len - done : block_size;
+        const uint8_t *bytes = next(static_cast<uint32_t>(done), static_cast<uint32_t>(chunk));
+        if (!bytes) {
+            close_and_sync();
+            return -1;
+        }
         ssize_t wrote;
         if (chunk == block_size) {
-            wrote = write(file.fd, data + done, static_cast<size_t>(block_size));
+            wrote = write(file.fd, bytes, static_cast<size_t>(block_size));
         } else {
             std::vector<uint8_t> unit;
             try {
@@ -186,7 +191,7 @@ int32_t vireo_file_write_by_offset_block_mode(const char *path, int32_t offset, 
                 close_and_sync();
                 return -1;
             }
-            memcpy(unit.data(), data + done, static_cast<size_t>(chunk));
+            memcpy(unit.data(), bytes, static_cast<size_t>(chunk));
             // A padded unit never grows the target: what does not fit is a short
             // write, as a device reports it.
             const int32_t room = size - pos;
@@ -209,9 +214,62 @@ int32_t vireo_file_write_by_offset_block_mode(const char *path, int32_t offset, 
     return 0;
 }
 
-int32_t vireo_ubi_write(const char *path, const uint8_t *data, int32_t len, uint32_t *written)
+int32_t vireo_file_write_by_offset_block_mode(const char *path, int32_t offset, const uint8_t *data,
+                                              int32_t len, int32_t block_size, uint32_t *out_len)
 {
-    if (bad_path(path) || !data || len < 0 || !written)
+    if (!data) {
+        VIREO_TRACE("Invalid param\n");
+        return -1;
+    }
+    return vireo_file_write_units(
+        path, offset, len, block_size, [data](uint32_t done, uint32_t) { return data + done; },
+        out_len);
+}
+
+int32_t vireo_file_compare_units(const char *path, int32_t offset, int32_t len, int32_t block_size,
+                                 bool pad, const vireo_unit_source &next, int64_t *at)
+{
+    if (bad_path(path) || offset < 0 || len < 0 || block_size <= 0)
+        return -1;
+    fd_guard file(open(path, O_RDONLY));
+    if (file.fd < 0)
+        return -1;
+    const int32_t size = size_of(file.fd);
+    std::vector<uint8_t> got(static_cast<size_t>(block_size));
+    const int64_t end = static_cast<int64_t>(offset) + len;
+    const int64_t unit_end =
+        pad ? offset + (static_cast<int64_t>(len) + block_size - 1) / block_size * block_size : end;
+    const int64_t stop = unit_end < size ? unit_end : (end > size ? end : size);
+    for (int64_t pos = offset; pos < stop; pos += block_size) {
+        const size_t n = static_cast<size_t>(stop - pos < block_size ? stop - pos : block_size);
+        ssize_t r;
+        do {
+            r = pread(file.fd, got.data(), n, pos);
+        } while (r < 0 && errno == EINTR);
+        if (r != static_cast<ssize_t>(n))
+            return -1;
+        const size_t data =
+            pos < end ? static_cast<size_t>(end - pos < static_cast<int64_t>(n) ? end - pos : n)
+                      : 0;
+        const uint8_t *want =
+            data ? next(static_cast<uint32_t>(pos - offset), static_cast<uint32_t>(data)) : nullptr;
+        if (data && !want)
+            return -1;
+        for (size_t i = 0; i < n; i++) {
+            if (got[i] != (i < data ? want[i] : 0xFF)) {
+                if (at)
+                    *at = pos + static_cast<int64_t>(i) - offset;
+                return 1;
+            }
+        }
+    }
+    return 0;
+}
+
+int32_t vireo_ubi_write_stream(const char *path, int32_t len, uint32_t max_chunk,
+                               const vireo_unit_source &next, uint32_t *written)
+{
+    if (bad_path(path) || len < 0 || !written)
         return -1;
     std::unique_ptr<libubi, decltype(&libubi_close)> lib(libubi_open(), libubi_close);
     if (!lib) {
@@ -241,24 +299,35 @@ int32_t vireo_ubi_write(const char *path, const uint8_t *data, int32_t len, uint
         VIREO_TRACE("cannot start volume \"%s\" update\n", path);
         return -1;
     }
-    int32_t left = len;
-    const uint8_t *p = data;
-    while (left > 0) {
-        const ssize_t wrote = write(vol.fd, p, static_cast<size_t>(left));
+    int32_t done = 0;
+    while (done < len) {
+        const uint32_t left = static_cast<uint32_t>(len - done);
+        const uint32_t chunk = max_chunk && max_chunk < left ? max_chunk : left;
+        const uint8_t *p = next(static_cast<uint32_t>(done), chunk);
+        if (!p)
+            return -1;
+        const ssize_t wrote = write(vol.fd, p, chunk);
         if (wrote > 0) {
-            p += wrote;
-            left -= static_cast<int32_t>(wrote);
+            done += static_cast<int32_t>(wrote);
             *written += static_cast<uint32_t>(wrote);
         } else if (wrote == 0) {
-            VIREO_TRACE("cannot write %d bytes to volume \"%s\"\n\n", left, path);
+            VIREO_TRACE("cannot write %d bytes to volume \"%s\"\n\n", len - done, path);
             return -1;
         } else if (errno == EINTR) {
             printf("do not interrupt me!");
         } else {
-            VIREO_TRACE("cannot write %d bytes to volume \"%s\"\n", left, path);
+            VIREO_TRACE("cannot write %d bytes to volume \"%s\"\n", len - done, path);
             return -1;
         }
     }
     VIREO_TRACE("Success to write %d bytes to volume \"%s\"\n", static_cast<int>(*written), path);
     return 0;
+}
+
+int32_t vireo_ubi_write(const char *path, const uint8_t *data, int32_t len, uint32_t *written)
+{
+    if (!data)
+        return -1;
+    return vireo_ubi_write_stream(
+        path, len, 0, [data](uint32_t done, uint32_t) { return data + done; }, written);
 }

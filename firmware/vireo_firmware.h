@@ -2,6 +2,7 @@
 // and the steps they are made of.
 #pragma once
 
+#include "firmware/vireo_firmware_content.h"
 #include "firmware/vireo_firmware_header.h"
 #include "firmware/vireo_firmware_up_ptn_table.h"
 #include "ptn/vireo_ptn.h"
@@ -28,5 +29,13 @@ int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_ta
 // 1 when the tables differ (order of entries aside), else 0.
 int32_t vireo_firmware_ptn_table_changed(const ptn_table *table_a, const ptn_table *table_b);
 
-// The unit of every flash write.
-#define MTD_WRITE_BLOCK_SIZE 2048
+// Installs the image: flags off, moves, every carried partition erased and rewritten,
+// flags on. The table's names may be changed in place to their ".b" twins.
+int32_t vireo_firmware_update_ptn(const ptn_table *old_table, const firmware_header *header,
+                                  up_ptn_table *up_ptn_table, const vireo_payload &payload);
+// Erases and rewrites every partition the image carries; 0 / -1.
+int32_t vireo_firmware_update_ptn_content(const ptn_table *new_table, up_ptn_table *up_ptn_table,
+                                          int32_t table_changed, const vireo_payload &payload,
+                                          int32_t ubi_device);
+// 1 when an entry is named "ubi", else 0.
+int32_t vireo_firmware_up_ptn_table_has_ubi(const up_ptn_table *up_ptn_table);

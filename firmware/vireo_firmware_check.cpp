@@ -33,10 +33,3 @@ int32_t vireo_firmware_check(const char *up_path)
     VIREO_TRACE("Firmware is upgradable for this DEVICE. \n");
     return 0;
 }
-
-int32_t vireo_firmware_upgrade(const char *up_path)
-{
-    VIREO_TRACE("raw-flash upgrade of '%s' is not available in this build.\n",
-                up_path ? up_path : "(none)");
-    return -1;
-}

@@ -10,6 +10,17 @@
 
 static const char VIREO_MODULE[] = "vireo_firmware";
 
+void vireo_firmware_header_decode(const uint8_t *raw, firmware_header *header)
+{
+    memcpy(header, raw, FIRMWARE_HEADER_SIZE);
+    uint32_t *const words[12] = {&header->magic_0,   &header->magic_1,    &header->magic_2,
+                                 &header->magic_3,   &header->magic_4,    &header->magic_5,
+                                 &header->version,   &header->nextpos,    &header->header_len,
+                                 &header->total_len, &header->reserved_0, &header->reserved_1};
+    for (int i = 0; i < 12; i++)
+        *words[i] = vireo_get_be32(raw + 4 * i);
+}
+
 int32_t vireo_firmware_header_parse(const uint8_t *buf, int32_t buf_size, firmware_header *header,
                                     int32_t mode)
 {
@@ -23,14 +34,7 @@ int32_t vireo_firmware_header_parse(const uint8_t *buf, int32_t buf_size, firmwa
                     buf_size, FIRMWARE_MIN_SIZE);
         return -1;
     }
-    memset(header, 0, sizeof(*header));
-    memcpy(header, buf, FIRMWARE_HEADER_SIZE);
-    uint32_t *const words[12] = {&header->magic_0,   &header->magic_1,    &header->magic_2,
-                                 &header->magic_3,   &header->magic_4,    &header->magic_5,
-                                 &header->version,   &header->nextpos,    &header->header_len,
-                                 &header->total_len, &header->reserved_0, &header->reserved_1};
-    for (int i = 0; i < 12; i++)
-        *words[i] = vireo_get_be32(buf + 4 * i);
+    vireo_firmware_header_decode(buf, header);
 
     if (header->magic_0 != FIRMWARE_HEADER_MAGIC_0 || header->magic_1 != FIRMWARE_HEADER_MAGIC_1 ||
         header->magic_2 != FIRMWARE_HEADER_MAGIC_2 || header->magic_3 != FIRMWARE_HEADER_MAGIC_3 ||

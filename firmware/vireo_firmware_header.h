@@ -41,6 +41,8 @@ struct firmware_header {
 };
 static_assert(sizeof(firmware_header) == FIRMWARE_HEADER_SIZE, "header record size");
 
+// The record of the 4160 header bytes at raw, the leading words in host order; no checks.
+void vireo_firmware_header_decode(const uint8_t *raw, firmware_header *header);
 // Mode 1 verifies the signature, any other mode md5_digest. 0 valid, -1 otherwise.
 int32_t vireo_firmware_header_parse(const uint8_t *buf, int32_t buf_size, firmware_header *header,
                                     int32_t mode);

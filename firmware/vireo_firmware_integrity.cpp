@@ -5,6 +5,7 @@
 #include "crypto/vireo_md5.h"
 #include "crypto/vireo_rsa.h"
 #include "firmware/vireo_firmware_header.h"
+#include "firmware/vireo_firmware_seal.h"
 
 #include <cerrno>
 #include <cstring>
@@ -136,15 +137,38 @@ int32_t vireo_check_rsa(const uint8_t *buf, uint32_t size)
         return -1;
     }
     uint8_t digest[16];
+    uint8_t signature[FIRMWARE_SIGNATURE_SIZE];
+    vireo_seals *seals = vireo_seals_armed_for(buf, size);
     if (choose_digest(digest, [&](uint8_t out[16]) {
             md5_ctx ctx;
             md5_init(&ctx);
-            digest_signed(&ctx, 0, buf, size);
+            if (!seals) {
+                digest_signed(&ctx, 0, buf, size);
+            } else {
+                // Block by block through a private copy, so that the digest and the
+                // seal of a block are taken of the same bytes.
+                uint8_t copy[VIREO_SEAL_BLOCK];
+                for (uint64_t pos = 0; pos < size; pos += VIREO_SEAL_BLOCK) {
+                    const uint32_t n = static_cast<uint32_t>(
+                        size - pos < VIREO_SEAL_BLOCK ? size - pos : VIREO_SEAL_BLOCK);
+                    memcpy(copy, buf + pos, n);
+                    vireo_seals_record(seals, static_cast<uint32_t>(pos / VIREO_SEAL_BLOCK), copy,
+                                       n);
+                    digest_signed(&ctx, pos, copy, n);
+                }
+            }
             md5_final(out, &ctx);
             return 0;
         }) != 0)
         return -1;
-    return verify(VIREO_SITE(), buf + FIRMWARE_SIGNATURE_OFFSET, digest);
+    // The signature as sealed, when sealing: the field lies in the first block.
+    memcpy(signature, buf + FIRMWARE_SIGNATURE_OFFSET, sizeof(signature));
+    if (seals && digest_from_image) {
+        vireo_sealed_reader reader(seals);
+        if (!reader.copy(FIRMWARE_SIGNATURE_OFFSET, sizeof(signature), signature))
+            return -1;
+    }
+    return verify(VIREO_SITE(), signature, digest);
 }
 
 int32_t vireo_check_head_rsa(const char *path)

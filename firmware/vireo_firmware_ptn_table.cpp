@@ -46,9 +46,10 @@ ptn_table *vireo_firmware_get_ptn_table(const up_ptn_table *up_table, const vire
             entry = &up_table->ptns[i];
     if (!entry)
         return nullptr;
-    const uint8_t *data = vireo_payload_content(payload, entry);
-    if (!data)
+    vireo_content read;
+    if (vireo_payload_read(payload, entry, &read) != 0)
         return nullptr;
+    const uint8_t *data = read.data;
     const char *text = reinterpret_cast<const char *>(data);
     const int32_t size = static_cast<int32_t>(entry->size);
     if (size < PTN_HEADER_SIZE) {

@@ -17,11 +17,11 @@ using support_list_ptr = std::unique_ptr<support_list, decltype(&vireo_ptn_suppo
 // The content of an image entry, located behind its content header; none (traced) when
 // the entry lies outside the file or holds no valid header.
 const uint8_t *entry_content(const vireo_trace_site &site, const vireo_payload &payload,
-                             const up_ptn_info *entry, int32_t *length)
+                             const up_ptn_info *entry, vireo_content *read, int32_t *length)
 {
-    const uint8_t *data = vireo_payload_content(payload, entry);
-    if (!data)
+    if (vireo_payload_read(payload, entry, read) != 0)
         return nullptr;
+    const uint8_t *data = read->data;
     vireo_record_words words;
     words.invalid =
         vireo_strf("flash[0x%08x] is not a valid partition.\n", static_cast<uint32_t>(entry->base));
@@ -95,7 +95,8 @@ support_list *vireo_firmware_build_support_list(const up_ptn_table *table,
         if (strcmp(entry->name, "support-list") != 0)
             continue;
         int32_t length = 0;
-        const uint8_t *content = entry_content(VIREO_SITE(), payload, entry, &length);
+        vireo_content read;
+        const uint8_t *content = entry_content(VIREO_SITE(), payload, entry, &read, &length);
         if (!content)
             return nullptr;
         support_list_ptr list(vireo_ptn_support_list_build_by_json_data(as_text(content), length),
@@ -119,7 +120,8 @@ fwinfo *vireo_firmware_build_firmware_info(const up_ptn_table *table, const vire
             continue;
         // Only the first entry of either name is tried.
         int32_t length = 0;
-        const uint8_t *content = entry_content(VIREO_SITE(), payload, entry, &length);
+        vireo_content read;
+        const uint8_t *content = entry_content(VIREO_SITE(), payload, entry, &read, &length);
         if (!content)
             return nullptr;
         return vireo_ptn_firmware_info_build_by_json_data(as_text(content), length);

@@ -1,6 +1,7 @@
 #include "firmware/vireo_firmware_up_ptn_table.h"
 
 #include "common/vireo_common.h"
+#include "firmware/vireo_firmware_seal.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -188,4 +189,27 @@ int32_t vireo_firmware_payload(const uint8_t *file, uint32_t file_size, uint32_t
 const uint8_t *vireo_payload_content(const vireo_payload &payload, const up_ptn_info *entry)
 {
     return vireo_firmware_ptn_content(payload.file, payload.file_size, payload.offset, entry);
+}
+
+int32_t vireo_payload_read(const vireo_payload &payload, const up_ptn_info *entry,
+                           vireo_content *content)
+{
+    const uint8_t *data = vireo_payload_content(payload, entry);
+    if (!data)
+        return -1;
+    if (!payload.seals) {
+        content->data = data;
+        return 0;
+    }
+    try {
+        content->copy.resize(entry->size);
+    } catch (...) {
+        VIREO_TRACE("Failed to alloc %d bytes memory.\n", static_cast<int>(entry->size));
+        return -1;
+    }
+    vireo_sealed_reader reader(payload.seals);
+    if (!reader.copy(static_cast<uint64_t>(data - payload.file), entry->size, content->copy.data()))
+        return -1;
+    content->data = content->copy.data();
+    return 0;
 }

@@ -6,6 +6,7 @@
 
 #include <cJSON.h>
 #include <cstdint>
+#include <vector>
 
 #define UP_PTN_MAX_NUM 64
 #define UP_PTN_NAME_LEN 32
@@ -39,15 +40,24 @@ const uint8_t *vireo_firmware_ptn_content(const uint8_t *file, uint32_t file_siz
 // An image's payload inside the firmware file held in memory. Contents are located from
 // it and checked against the whole file, so a negative base may reach an earlier image
 // but never before the file.
+struct vireo_seals;
 struct vireo_payload {
     const uint8_t *file;
     uint32_t file_size;
     uint32_t offset; // of the payload's first byte in the file
     uint32_t len;    // total_len - header_len - 65536
+    // When set, contents are read through private copies proven against these seals.
+    const vireo_seals *seals = nullptr;
     const uint8_t *start() const
     {
         return file + offset;
     }
+};
+
+// A partition content as read: in the file itself, or in a proven private copy.
+struct vireo_content {
+    const uint8_t *data = nullptr;
+    std::vector<uint8_t> copy;
 };
 
 // The payload of the image at image_offset whose header is header; 0, or -1 (traced)
@@ -56,3 +66,7 @@ int32_t vireo_firmware_payload(const uint8_t *file, uint32_t file_size, uint32_t
                                const firmware_header *header, vireo_payload *payload);
 // The content of entry in that payload, or none (traced) when it lies outside the file.
 const uint8_t *vireo_payload_content(const vireo_payload &payload, const up_ptn_info *entry);
+// Reads the content of entry: 0, or -1 (traced) when it lies outside the file or, with
+// seals, differs from what was verified.
+int32_t vireo_payload_read(const vireo_payload &payload, const up_ptn_info *entry,
+                           vireo_content *content);

@@ -2,15 +2,41 @@
 
 #include "common/vireo_file.h"
 
+#include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 static const char VIREO_MODULE[] = "vireo_firmware";
 
+// The image's header and table region again, from a copy proven against the seals; the
+// table is built from it. None (traced) when the file changed since it was verified.
+static up_ptn_table *proven_table(uint32_t offset, int32_t left, const firmware_header *header,
+                                  vireo_seals *seals)
+{
+    vireo_seals_complete(seals); // what no signature check has sealed (-m)
+    const uint64_t region_end = static_cast<uint64_t>(header->header_len) + UP_PTN_TABLE_SIZE;
+    const uint32_t len = region_end < static_cast<uint64_t>(left)
+                             ? static_cast<uint32_t>(region_end)
+                             : static_cast<uint32_t>(left);
+    std::vector<uint8_t> head(len);
+    vireo_sealed_reader reader(seals);
+    firmware_header proven;
+    if (!reader.copy(offset, len, head.data()))
+        return nullptr;
+    vireo_firmware_header_decode(head.data(), &proven);
+    if (memcmp(&proven, header, sizeof(proven)) != 0) {
+        VIREO_TRACE("firmware header at %u changed while it was verified.\n", offset);
+        return nullptr;
+    }
+    // The builder reads only [header_len, header_len + 65536) after checking it lies
+    // within left bytes, and head holds all of that whenever the check passes.
+    return vireo_firmware_up_ptn_table_build_by_fimware(head.data(), left, header);
+}
+
 int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, uint32_t size,
                             const char *refused, const vireo_image_fits &fits,
-                            vireo_walk_result *found)
+                            vireo_walk_result *found, vireo_seals *seals)
 {
     VIREO_ASSERT(file);
     VIREO_ASSERT(found);
@@ -26,7 +52,8 @@ int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, u
             return -1;
         }
         up_ptn_table_ptr table(
-            vireo_firmware_up_ptn_table_build_by_fimware(image, left, header.get()),
+            seals ? proven_table(offset, left, header.get(), seals)
+                  : vireo_firmware_up_ptn_table_build_by_fimware(image, left, header.get()),
             vireo_firmware_up_ptn_table_destroy);
         if (!table) {
             vireo_trace_at(site, "Failed to parse up_ptn_table.\n");
@@ -35,6 +62,7 @@ int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, u
         vireo_payload payload{};
         if (vireo_firmware_payload(file, size, offset, header.get(), &payload) != 0)
             return -1;
+        payload.seals = seals;
         if (fits(header.get(), table.get(), payload)) {
             found->header = std::move(header);
             found->table = std::move(table);

@@ -4,6 +4,7 @@
 
 #include "common/vireo_common.h"
 #include "firmware/vireo_firmware_header.h"
+#include "firmware/vireo_firmware_seal.h"
 #include "firmware/vireo_firmware_up_ptn_table.h"
 
 #include <cstdint>
@@ -29,10 +30,11 @@ using vireo_image_fits =
 // Walks the chain from the first image until fits accepts one (0, found filled). A header
 // or table that fails ends the walk (-1); a refusal, traced with refused, goes on to
 // nextpos, and the last image refusing or a chain that does not move forward is -1.
-// Traces are reported at the caller's site.
+// Traces are reported at the caller's site. With seals, everything read after the
+// signature check (headers, tables, contents) is read from proven copies.
 int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, uint32_t size,
                             const char *refused, const vireo_image_fits &fits,
-                            vireo_walk_result *found);
+                            vireo_walk_result *found, vireo_seals *seals = nullptr);
 
 // A firmware file mapped shared for the length of a command.
 struct vireo_mapping {

@@ -111,7 +111,8 @@ void write_file(const std::string &path, const std::string &content)
         throw std::runtime_error("cannot write " + path);
 }
 
-run_result run_program(const std::string &program, const std::vector<std::string> &args)
+run_result run_program(const std::string &program, const std::vector<std::string> &args,
+                       const std::vector<std::string> &env)
 {
     temp_dir dir;
     const std::string out_path = dir.join("out");
@@ -126,6 +127,8 @@ run_result run_program(const std::string &program, const std::vector<std::string
         dup2(in, 0);
         dup2(out, 1);
         dup2(err, 2);
+        for (const std::string &e : env)
+            putenv(const_cast<char *>(e.c_str()));
         std::vector<char *> argv;
         argv.push_back(const_cast<char *>(program.c_str()));
         for (const std::string &a : args)

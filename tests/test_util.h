@@ -37,4 +37,6 @@ struct run_result {
 };
 
 // Runs the program with the arguments (argv[0] is added), no standard input.
-run_result run_program(const std::string &program, const std::vector<std::string> &args);
+// env: NAME=VALUE settings for the program only.
+run_result run_program(const std::string &program, const std::vector<std::string> &args,
+                       const std::vector<std::string> &env = {});

@@ -1,0 +1,50 @@
+#include "firmware/vireo_firmware_content.h"
+
+#include "common/vireo_common.h"
+#include "common/vireo_file.h"
+
+static const char VIREO_MODULE[] = "vireo_firmware";
+
+vireo_entry_source::vireo_entry_source(const vireo_payload &payload, const up_ptn_info *entry)
+    : start(vireo_payload_content(payload, entry)),
+      offset(start ? static_cast<uint64_t>(start - payload.file) : 0), seals(payload.seals),
+      reader(payload.seals)
+{
+}
+
+const uint8_t *vireo_entry_source::read(uint32_t done, uint32_t chunk)
+{
+    if (!start)
+        return nullptr;
+    if (!seals)
+        return start + done;
+    if (chunk > sizeof(unit) || !reader.copy(offset + done, chunk, unit))
+        return nullptr;
+    return unit;
+}
+
+int32_t vireo_firmware_write_entry(const vireo_payload &payload, const up_ptn_info *entry,
+                                   const char *path, int32_t offset, const char *check_path,
+                                   int32_t check_offset)
+{
+    vireo_entry_source source(payload, entry);
+    if (!source.start || entry->size > INT32_MAX)
+        return -1;
+    const int32_t len = static_cast<int32_t>(entry->size);
+    const auto next = [&source](uint32_t done, uint32_t chunk) { return source.read(done, chunk); };
+    if (vireo_file_write_units(path, offset, len, MTD_WRITE_BLOCK_SIZE, next, nullptr) != 0)
+        return -1;
+    // What the flash holds now decides, not what the write reported: an erase that did
+    // not happen shows here.
+    int64_t at = 0;
+    const int32_t same = vireo_file_compare_units(check_path, check_offset, len,
+                                                  MTD_WRITE_BLOCK_SIZE, true, next, &at);
+    if (same == 0)
+        return 0;
+    if (same > 0)
+        VIREO_TRACE("PTN[%s] reads back other bytes than written, at 0x%08x of %s.\n", entry->name,
+                    static_cast<uint32_t>(at), check_path);
+    else
+        VIREO_TRACE("PTN[%s] cannot be read back from %s.\n", entry->name, check_path);
+    return -1;
+}

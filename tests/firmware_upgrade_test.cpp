@@ -1,0 +1,391 @@
+// The raw-flash upgrade on a fake device, run as a user runs it. Stand-ins for the
+// router's "mtd", "ubiattach" and "ubidetach" log their calls; a preloaded library logs
+// every write of the tool, can make a partition behave like NOR flash (a write only
+// clears bits) and can make writes to a file fail.
+#include "firmware/vireo_firmware_upgrade.h"
+#include "firmware/vireo_firmware_integrity.h"
+#include "ptn/vireo_extra_para.h"
+
+#include "openssl_ref.h"
+#include "pack_fixture.h"
+#include "raw_device.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <map>
+#include <sstream>
+
+namespace
+{
+
+const std::string kDevice = devinfo_json("VR100", "1.0", "55530000");
+const std::string kFits = "[" + entry_json("VR100", "1.0", "55530000") + "]";
+
+std::string flags_doc(bool on, int score)
+{
+    char text[128];
+    on ? vireo_extra_para_format_flag_on(score, text, sizeof(text))
+       : vireo_extra_para_format_flag_off(score, text, sizeof(text));
+    return text;
+}
+
+std::vector<raw_ptn> layout()
+{
+    return {{"partition-table", 0x00000, 0x10000, ""},
+            {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
+            {"extra-para", 0x20000, 0x10000, with_content_header(flags_doc(true, 0))},
+            {"support-list", 0x30000, 0x10000, ""},
+            {"firmware-info", 0x40000, 0x10000, ""},
+            {"kernel", 0x50000, 0x20000, std::string(0x1000, 'k')},
+            {"rootfs", 0x70000, 0x20000, std::string(0x1000, 'r')},
+            {"data", 0x90000, 0x10000, std::string(0x800, 'd')},
+            {"cfg1", 0xC0000, 0x10000, std::string(0x100, '1')},
+            {"cfg2", 0xD0000, 0x10000, std::string(0x100, '2')}};
+}
+
+std::string pattern(size_t n, int seed)
+{
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; i++)
+        s[i] = static_cast<char>((i * 31 + static_cast<size_t>(seed)) >> 3);
+    return s;
+}
+
+const char kMtd[] = R"SH(#!/bin/sh
+echo "mtd $*" >> "$VIREO_TEST_LOG"
+[ -n "$VIREO_MTD_NO_ERASE" ] && exit 0
+for n in "$VIREO_TEST_ROOT"/sys/class/mtd/mtd*/name; do
+  [ "$(cat "$n")" = "$2" ] || continue
+  d=${n%/name}; f="$VIREO_TEST_ROOT/dev/${d##*/}"
+  head -c "$(stat -c %s "$f")" /dev/zero | tr '\0' '\377' | LD_PRELOAD= dd of="$f" conv=notrunc status=none
+done
+)SH";
+const char kLogOnly[] = "#!/bin/sh\necho \"$(basename \"$0\") $*\" >> \"$VIREO_TEST_LOG\"\n";
+
+struct upgrade_run {
+    int status;
+    std::string out;
+    std::vector<std::string> traces;
+    std::vector<std::string> calls;            // of the stand-ins
+    std::map<std::string, size_t> written;     // bytes per device file
+    std::map<std::string, size_t> write_calls; // write() calls per device file
+};
+
+class Upgrade : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        install(layout());
+    }
+    // A fresh device of these partitions, with the stand-ins.
+    void install(const std::vector<raw_ptn> &ptns)
+    {
+        dev = std::make_unique<raw_device>(ptns);
+        dev->write("bin/mtd", kMtd);
+        dev->write("bin/ubiattach", kLogOnly);
+        dev->write("bin/ubidetach", kLogOnly);
+        for (const char *tool : {"mtd", "ubiattach", "ubidetach"})
+            chmod(dev->join(std::string("bin/") + tool).c_str(), 0755);
+        dev->write("tmp/.keep", "");
+    }
+    void TearDown() override
+    {
+        reset_integrity_state();
+    }
+
+    std::vector<uint8_t> pack(const std::vector<fw_image> &images)
+    {
+        file = pack_firmware(dir, fw_manifest(dir, images));
+        EXPECT_FALSE(file.empty());
+        return file;
+    }
+
+    std::string device(const std::string &name) const
+    {
+        for (size_t i = 0; i < dev->ptns.size(); i++)
+            if (dev->ptns[i].name == name)
+                return dev->at("/dev/mtd" + std::to_string(i + 1));
+        return {};
+    }
+
+    upgrade_run upgrade(const std::vector<std::string> &env = {})
+    {
+        const std::string log = dev->join("calls.log"), writes = dev->join("writes.log");
+        write_file(log, "");
+        write_file(writes, "");
+        std::vector<std::string> all = {"PATH=" + dev->join("bin") + ":" + getenv("PATH"),
+                                        "VIREO_TEST_LOG=" + log,
+                                        "VIREO_TEST_ROOT=" + dev->path,
+                                        "VIREO_WRITE_LOG=" + writes,
+                                        "LD_PRELOAD=" VIREO_FLASH_PRELOAD,
+                                        "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0"};
+        all.insert(all.end(), env.begin(), env.end());
+        run_result r =
+            run_program(VIREO_FAKE_ROOT_TOOL, {dev->path, "-U", "-u", dir.join("up.bin")}, all);
+        upgrade_run u{r.status, r.out, trace_messages(r.out), {}, {}, {}};
+        std::istringstream calls(read_file(log)), w(read_file(writes));
+        for (std::string line; std::getline(calls, line);)
+            u.calls.push_back(line);
+        std::string path;
+        size_t n;
+        while (w >> path >> n)
+            if (path.rfind(dev->join("dev/"), 0) == 0) {
+                u.written[path.substr(dev->path.size())] += n;
+                u.write_calls[path.substr(dev->path.size())]++;
+            }
+        return u;
+    }
+
+    // The flag record now in extra-para.
+    std::string flags() const
+    {
+        const std::string bytes = read_file(device("extra-para"));
+        const uint32_t len = (uint8_t(bytes[8]) << 24) | (uint8_t(bytes[9]) << 16) |
+                             (uint8_t(bytes[10]) << 8) | uint8_t(bytes[11]);
+        return len < 1024 ? bytes.substr(16, len) : "";
+    }
+
+    temp_dir dir;
+    std::unique_ptr<raw_device> dev;
+    std::vector<uint8_t> file;
+};
+
+size_t count_of(const std::vector<std::string> &v, const std::string &s)
+{
+    return static_cast<size_t>(std::count(v.begin(), v.end(), s));
+}
+
+std::string padded(const std::string &content, size_t size)
+{
+    std::string s = content;
+    s.resize(size, '\xff');
+    return s;
+}
+
+} // namespace
+
+TEST_F(Upgrade, SameLayoutRewritesEveryCarriedPartitionOnce)
+{
+    const std::string kernel = pattern(0x5000, 1), rootfs = pattern(0x1801, 2);
+    const std::string before = dev->bytes("/dev/mtd0");
+    pack({{kFits,
+           table_json(dev->ptns, dev->disk_size),
+           "",
+           {{"kernel", kernel}, {"rootfs", rootfs}}}});
+    const upgrade_run u = upgrade({"VIREO_NOR_PATHS=" + device("kernel") + ":" + device("rootfs")});
+    ASSERT_EQ(0, u.status) << u.out;
+    EXPECT_EQ(1u, count_of(u.traces, "PTN[partition-table] no changed, no need to update content"));
+    EXPECT_EQ((std::vector<std::string>{"mtd erase support-list", "mtd erase kernel",
+                                        "mtd erase rootfs"}),
+              u.calls);
+    EXPECT_EQ(padded(kernel, 0x20000), read_file(device("kernel")));
+    EXPECT_EQ(padded(rootfs, 0x20000), read_file(device("rootfs")));
+    EXPECT_EQ(before, dev->bytes("/dev/mtd0")) << "nothing moved";
+    // Each content byte written once, padded only to the next 2048-byte unit.
+    EXPECT_EQ(0x5000u, u.written.at("/dev/mtd6"));
+    EXPECT_EQ(0x2000u, u.written.at("/dev/mtd7"));
+    EXPECT_EQ(4u, u.write_calls.at("/dev/mtd7"));
+    EXPECT_EQ(0u, u.written.count("/dev/mtd1")) << "the unchanged table is not rewritten";
+    EXPECT_EQ(2u * 0x10000, u.written.at("/dev/mtd3")) << "flags off, flags on";
+    EXPECT_EQ(1u, count_of(u.traces, "Success to set flag on extra-para[" + device("extra-para") +
+                                         "], offset:0x00020000, size:0x00010000."));
+    EXPECT_EQ(flags_doc(true, 0), flags());
+}
+
+TEST_F(Upgrade, LayoutChangeMovesWhatTheImageDoesNotCarry)
+{
+    std::vector<raw_ptn> now = dev->ptns;
+    now.resize(5);
+    now.push_back({"kernel", 0x50000, 0x30000, ""}); // grown
+    now.push_back({"rootfs", 0x80000, 0x20000, ""}); // moved
+    now.push_back({"data", 0xA0000, 0x10000, ""});   // moved, not carried
+    now.push_back({"cfg2", 0xC0000, 0x10000, ""});   // swapped, not carried
+    now.push_back({"cfg1", 0xD0000, 0x10000, ""});
+    now.push_back({"newp", 0xE0000, 0x10000, ""}); // new, not carried
+    const std::string table = table_json(now, dev->disk_size);
+    const std::string kernel = pattern(0x1F000, 3);
+    std::string flash = dev->bytes("/dev/mtd0");
+    pack({{kFits, table, "", {{"kernel", kernel}}}});
+    const upgrade_run u = upgrade();
+    ASSERT_EQ(0, u.status) << u.out;
+    std::string want = flash;
+    want.replace(0x80000, 0x20000, flash.substr(0x70000, 0x20000));
+    want.replace(0xA0000, 0x10000, flash.substr(0x90000, 0x10000));
+    want.replace(0xC0000, 0x10000, flash.substr(0xD0000, 0x10000));
+    want.replace(0xD0000, 0x10000, flash.substr(0xC0000, 0x10000));
+    EXPECT_TRUE(want == dev->bytes("/dev/mtd0")) << "moves carry the flash as it was";
+    EXPECT_EQ(padded(kernel, 0x20000), read_file(device("kernel")));
+    // The new table is written.
+    EXPECT_NE(std::string::npos, read_file(device("partition-table")).find("\"newp\""));
+    EXPECT_EQ(1u, count_of(u.traces, "ptn[newp] is new ptn."));
+    EXPECT_EQ(flags_doc(true, 0), flags());
+}
+
+TEST_F(Upgrade, FlagsAndPlacesOfSpecialPartitions)
+{
+    const std::string bl2 = pattern(0x900, 4);
+    std::vector<raw_ptn> with_bl2 = dev->ptns;
+    with_bl2.push_back({"BL2", 0xE0000, 0x10000, ""});
+    raw_device *d = dev.get();
+    dev->mtd(11, "BL2", 0x10000);
+    d->ptns = with_bl2;
+    pack({{kFits, table_json(with_bl2, dev->disk_size), "", {{"BL2", bl2}}}});
+    // Flag writes that never land: flag-on is tried four times and the upgrade succeeds.
+    write_file(device("extra-para"), padded(with_content_header(flags_doc(false, 1)), 0x10000));
+    upgrade_run u = upgrade({"VIREO_FAIL_PATHS=" + device("extra-para")});
+    ASSERT_EQ(0, u.status) << u.out;
+    EXPECT_EQ(3u, count_of(u.traces, "failed to get extra-para GOOD try again."));
+    EXPECT_EQ(5u, u.write_calls.at("/dev/mtd3")) << "one flag-off and four flag-on attempts";
+    EXPECT_EQ(padded(bl2, 0x1000), dev->bytes("/dev/mtd0").substr(0xE0000, 0x1000))
+        << "BL2 goes through the whole flash at its base";
+    EXPECT_EQ(1u, count_of(u.calls, "mtd erase BL2"));
+
+    // Without extra-para no flag is touched.
+    std::vector<raw_ptn> bare = layout();
+    bare.erase(bare.begin() + 2);
+    install(bare);
+    pack({{kFits, table_json(bare, 0x100000), "", {{"kernel", "k"}}}});
+    u = upgrade();
+    EXPECT_EQ(0, u.status) << u.out;
+    for (const std::string &t : u.traces)
+        EXPECT_EQ(std::string::npos, t.find("Success to set flag")) << t;
+}
+
+TEST_F(Upgrade, FailuresLeaveTheImageFlaggedOff)
+{
+    const std::string bad = flags_doc(false, 1);
+    struct {
+        const char *what;
+        std::vector<fw_image> images;
+        std::vector<std::string> env;
+        const char *trace; // the start of a trace that must appear once
+        bool writes;       // whether anything reached the device at all
+    } cases[] = {
+        {"image for another model",
+         {{"[" + entry_json("VR200", "1.0", "55530000") + "]", "", "", {{"kernel", "k"}}}},
+         {},
+         "Firmware is not allowed to upgrade this up table into this device.",
+         false},
+        {"name the device lacks",
+         {{kFits, table_json(layout(), 0x100000), "", {{"kernel", "k"}, {"nvram", "n"}}}},
+         {},
+         "PTN[nvram] not found at device's disk.",
+         true},
+        {"erase that does not erase",
+         {{kFits, table_json(layout(), 0x100000), "", {{"kernel", pattern(0x3000, 5)}}}},
+         {"VIREO_MTD_NO_ERASE=1"},
+         "PTN[kernel] update content failed, pos={",
+         true},
+    };
+    for (auto &c : cases) {
+        install(layout());
+        const std::string before = read_file(device("kernel"));
+        pack(c.images);
+        c.env.push_back("VIREO_NOR_PATHS=" + device("kernel"));
+        const upgrade_run u = upgrade(c.env);
+        EXPECT_EQ(255, u.status) << c.what;
+        EXPECT_EQ(1, std::count_if(u.traces.begin(), u.traces.end(),
+                                   [&](const std::string &t) { return t.rfind(c.trace, 0) == 0; }))
+            << c.what << u.out;
+        EXPECT_EQ(c.writes, !u.written.empty()) << c.what;
+        EXPECT_EQ(c.writes ? bad : flags_doc(true, 0), flags()) << c.what;
+        if (!c.writes) {
+            EXPECT_EQ(before, read_file(device("kernel")));
+        }
+    }
+}
+
+TEST_F(Upgrade, OneEntryOutsideTheFileWritesNothing)
+{
+    pack({{kFits, "", "", {{"kernel", "k"}, {"rootfs", "r"}}}});
+    const std::string table(reinterpret_cast<const char *>(file.data()) + 4160);
+    const size_t at = table.find("0x", table.find("size", table.find("rootfs")));
+    const std::string huge = "0x00FFFFFF";
+    std::copy(huge.begin(), huge.end(), file.begin() + 4160 + static_cast<long>(at));
+    resign_firmware(file);
+    write_file(dir.join("up.bin"), std::string(file.begin(), file.end()));
+    const auto before = dev->devices();
+    const upgrade_run u = upgrade();
+    EXPECT_EQ(255, u.status);
+    EXPECT_TRUE(u.written.empty()) << u.out;
+    EXPECT_TRUE(u.calls.empty());
+    EXPECT_EQ(before, dev->devices());
+}
+
+TEST_F(Upgrade, FileRewrittenAfterVerificationIsNotInstalled)
+{
+    const std::string kernel = pattern(0x8000, 6);
+    pack({{kFits, table_json(layout(), 0x100000), "", {{"kernel", kernel}}}});
+    const std::string path = dir.join("up.bin");
+    setenv("VIREO_TEST_LOG", dev->join("calls.log").c_str(), 1);
+    setenv("VIREO_TEST_ROOT", dev->path.c_str(), 1);
+    const std::string saved_path = getenv("PATH");
+    setenv("PATH", (dev->join("bin") + ":" + saved_path).c_str(), 1);
+    reset_integrity_state();
+    vireo_upgrade_job job;
+    int32_t r = -1;
+    const std::string out = capture_stdout([&] {
+        r = vireo_firmware_upgrade_prepare(path.c_str(), &job);
+        // Another process changes one byte of the kernel after the check; the mapping is
+        // shared, so the change is seen.
+        std::string changed = read_file(path);
+        changed[changed.size() - 0x100] ^= 0x5A;
+        FILE *f = fopen(path.c_str(), "r+b");
+        fwrite(changed.data(), 1, changed.size(), f);
+        fclose(f);
+        if (r == 0)
+            r = vireo_firmware_upgrade_install(&job);
+    });
+    setenv("PATH", saved_path.c_str(), 1);
+    EXPECT_EQ(-1, r) << out;
+    EXPECT_NE(std::string::npos, out.find("since it was verified.")) << out;
+    EXPECT_TRUE(has_trace(out, "Failed to upgrade firmware into this device.")) << out;
+    EXPECT_EQ(flags_doc(false, 1), flags());
+    EXPECT_NE(padded(kernel, 0x20000), read_file(device("kernel")));
+}
+
+TEST_F(Upgrade, ImageWithUbiUsesTheFlagVolumesAndTheBackupSlot)
+{
+    // No UBI here: the flag volumes are found as MTD partitions of the same names.
+    for (bool attachable : {true, false}) {
+        std::vector<raw_ptn> ptns = {
+            {"partition-table", 0x00000, 0x10000, ""},
+            {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
+            {"extra-para", 0x20000, 0x10000, with_content_header(flags_doc(true, 3) + '\0')},
+            {"extra-para.b", 0x30000, 0x10000, with_content_header(flags_doc(true, 3) + '\0')},
+            {attachable ? "extra-para-ubi" : "spare", 0x40000, 0x10000, ""},
+            {"support-list", 0x50000, 0x10000, ""},
+            {"firmware-info", 0x60000, 0x10000, ""},
+            {"firmware-info.b", 0x70000, 0x10000, ""},
+            {"ubi", 0x80000, 0x20000, ""},
+            {"ubi.b", 0xA0000, 0x20000, ""}};
+        install(ptns);
+        const std::string ubi = pattern(0x4000, 7);
+        pack({{kFits,
+               table_json(ptns, 0x100000),
+               R"({"software-version": "1.3.0 Build 1 Rel.00001", "firmware-id": "ID"})",
+               {{"ubi", ubi}}}});
+        const upgrade_run u = upgrade();
+        ASSERT_EQ(0, u.status) << u.out;
+        // Equal scores: the backup slot and the backup's flags, now one above both.
+        EXPECT_EQ(padded(ubi, 0x20000), read_file(device("ubi.b")));
+        EXPECT_EQ(0u, u.written.count("/dev/mtd7")) << "firmware-info is left alone";
+        EXPECT_EQ(1u, u.written.count("/dev/mtd8")) << "firmware-info.b is written";
+        EXPECT_EQ(ptns[2].content,
+                  read_file(device("extra-para")).substr(0, ptns[2].content.size()))
+            << "the primary's flags are left alone";
+        const std::string backup = read_file(device("extra-para.b"));
+        EXPECT_EQ(flags_doc(true, 4), backup.substr(16, flags_doc(true, 4).size()));
+        const std::vector<std::string> attach = {"ubiattach -m 5 -d 4", "mtd erase support-list",
+                                                 "mtd erase firmware-info.b", "mtd erase ubi.b",
+                                                 "ubidetach -m 5"};
+        if (attachable) {
+            EXPECT_EQ(attach, u.calls);
+        } else {
+            EXPECT_EQ(std::vector<std::string>(attach.begin() + 1, attach.end() - 1), u.calls);
+            EXPECT_TRUE(
+                has_trace(u.out, "PTN[extra-para-ubi] not found, no UBI device 4 attached."));
+        }
+    }
+}
