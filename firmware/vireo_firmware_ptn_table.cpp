@@ -164,10 +164,16 @@ int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_ta
             taken = true;
         }
         const std::vector<uint8_t> &copy = snapshot[i];
+        const auto bytes = [&copy](uint32_t done, uint32_t) { return copy.data() + done; };
+        // The move is read back like every other write: a place that was not erased
+        // does not take the bytes.
         if (n.base > INT32_MAX ||
             vireo_file_write_by_offset_block_mode(flash, static_cast<int32_t>(n.base), copy.data(),
                                                   static_cast<int32_t>(copy.size()),
-                                                  MTD_WRITE_BLOCK_SIZE, nullptr) != 0) {
+                                                  MTD_WRITE_BLOCK_SIZE, nullptr) != 0 ||
+            vireo_file_compare_units(flash, static_cast<int32_t>(n.base),
+                                     static_cast<int32_t>(copy.size()), MTD_WRITE_BLOCK_SIZE, true,
+                                     bytes, nullptr) != 0) {
             VIREO_TRACE("PTN[%s] move to {0x%08x:0x%08x} failed.\n", n.name, n.base, n.size);
             return -1;
         }
