@@ -172,7 +172,8 @@ int32_t vireo_firmware_post_update(uint32_t ubi_num)
     // The primary is the target when it scores lower; it then takes the backup's bytes.
     if (p < b) {
         score = b + 1;
-        resolve(ubi_num, PRIMARY, path);
+        // Not found leaves the backup's path in place, and the backup is written.
+        get_ptn_path_by_name(static_cast<int32_t>(ubi_num), PRIMARY, path, PATH_LEN);
     }
     VIREO_TRACE("extra score: primary score[%d], backup score[%d]\n", p, score);
     return write_flag(VIREO_SITE(), true, score, &rec, r == FLAG_READ, path, ubi);
