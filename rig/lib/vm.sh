@@ -67,7 +67,8 @@ rig_now_ms()
 # rig_boot_cut SHARE FLASH [CUT_MS]: boots the VM, waits for the guest's "RIG-MARK start"
 # line and, with CUT_MS, kills the whole machine CUT_MS milliseconds later: the power cut.
 # Without CUT_MS it waits for "RIG-MARK end" and sets RIG_UPGRADE_MS to the time between
-# the two marks. Sets RIG_CUT to "cut" or to "finished" (the upgrade ended first).
+# the two marks and RIG_FIRST_WRITE_MS to when the flash file first changed after the
+# start. Sets RIG_CUT to "cut" or to "finished" (the upgrade ended first).
 rig_boot_cut()
 {
     local share=$1 flash=$2 cut=${3:-} log=$1/console.log t0
@@ -86,7 +87,17 @@ rig_boot_cut()
         grep -q '^RIG-MARK end' "$log" || RIG_CUT=cut
         kill -9 "$RIG_QEMU_PID" 2>/dev/null
     else
-        rig_wait_for "$log" '^RIG-MARK end' "$RIG_BOOT_TIMEOUT" || true
+        local mtime limit=$((RIG_BOOT_TIMEOUT * 100))
+        mtime=$(stat -c %.9Y "$flash")
+        RIG_FIRST_WRITE_MS=""
+        while [ $limit -gt 0 ] && ! grep -q '^RIG-MARK end' "$log" &&
+            kill -0 "$RIG_QEMU_PID" 2>/dev/null; do
+            if [ -z "$RIG_FIRST_WRITE_MS" ] && [ "$(stat -c %.9Y "$flash")" != "$mtime" ]; then
+                RIG_FIRST_WRITE_MS=$(($(rig_now_ms) - t0))
+            fi
+            sleep 0.01
+            limit=$((limit - 1))
+        done
         RIG_UPGRADE_MS=$(($(rig_now_ms) - t0))
         rig_wait_for "$log" '^RIG-END' "$RIG_BOOT_TIMEOUT" || kill -9 "$RIG_QEMU_PID" 2>/dev/null
     fi

@@ -5,6 +5,10 @@
 
 if [ "$PHASE" = upgrade ]; then
     cp /rig/up.bin /tmp/
+    # Let UBI finish formatting free erase blocks after the attach, so that the host's first
+    # sight of a changed flash file is the upgrade's own first write.
+    sync
+    sleep 1
     echo "RIG-MARK start" >/dev/console
     run_tool upgrade $TOOL_ARGS
     echo "RIG-MARK end" >/dev/console

@@ -62,12 +62,20 @@ powercut_run()
     local data=$1 status=0 i cut states=""
     cp "$data/factory.img" "$RIG_WORK/flash.img"
     powercut_boot calibrate upgrade || return 1
-    local span=$RIG_UPGRADE_MS
+    local span=$RIG_UPGRADE_MS first=${RIG_FIRST_WRITE_MS:-0}
     powercut_boot calibrate-verify verify || status=1
-    echo "    uncut upgrade: ${span} ms, left the flash $POWERCUT_STATE"
+    echo "    uncut upgrade: ${span} ms, first flash write at ${first} ms, left the flash $POWERCUT_STATE"
     case $POWERCUT_STATE in installed*) ;; *) status=1 ;; esac
+    # A fifth of the points fall before the first write (the checks), the rest spread
+    # evenly over the writing.
+    local early=$(((RIG_CUTS + 4) / 5)) late
+    late=$((RIG_CUTS - early))
     for i in $(seq 1 "$RIG_CUTS"); do
-        cut=$((span * (2 * i - 1) / (2 * RIG_CUTS)))
+        if [ "$i" -le $early ]; then
+            cut=$((first * (2 * i - 1) / (2 * early)))
+        else
+            cut=$((first + (span - first) * (2 * (i - early) - 1) / (2 * late)))
+        fi
         cp "$data/factory.img" "$RIG_WORK/flash.img"
         powercut_boot "cut-$i" upgrade "$cut" || { status=1; continue; }
         local how=$RIG_CUT
