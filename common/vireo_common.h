@@ -67,3 +67,38 @@ std::string vireo_strf(const char *fmt, ...) __attribute__((format(printf, 1, 2)
 
 // Prints c n times and a newline (separator lines of dumps).
 void vireo_print_line(char c, int n);
+
+// The shape every record builder shares: a zeroed record on the heap, filled by parse from
+// a tree; parse_failed is traced (at the caller's site) when the parse fails.
+template <typename T>
+T *vireo_record_build(const vireo_trace_site &site, const cJSON *root,
+                      int32_t (*parse)(const cJSON *, T *), const char *parse_failed)
+{
+    T *record = static_cast<T *>(calloc(1, sizeof(T)));
+    if (!record) {
+        vireo_trace_at(site, "failed to alloc %d bytes.\n", static_cast<int>(sizeof(T)));
+        return nullptr;
+    }
+    if (parse(root, record) != 0) {
+        vireo_trace_at(site, "%s", parse_failed);
+        free(record);
+        return nullptr;
+    }
+    return record;
+}
+
+// Text to tree to record by build; the tree is always deleted.
+template <typename T>
+T *vireo_record_build_by_text(const vireo_trace_site &site, const char *data, int32_t len,
+                              T *(*build)(const cJSON *))
+{
+    cjson_ptr root(vireo_parse_json_data(data, len), cJSON_Delete);
+    if (!root) {
+        vireo_trace_at(site, "Failed to parse json.\n");
+        return nullptr;
+    }
+    T *record = build(root.get());
+    if (!record)
+        vireo_trace_at(site, "Failed to parse json.\n");
+    return record;
+}

@@ -74,31 +74,16 @@ extra_para_table *vireo_extra_para_table_build(const cJSON *json_root)
 {
     VIREO_ASSERT(json_root);
     VIREO_PROGRESS();
-    auto *table = static_cast<extra_para_table *>(calloc(1, sizeof(extra_para_table)));
-    if (!table) {
-        VIREO_TRACE("failed to alloc %d bytes.\n", static_cast<int>(sizeof(extra_para_table)));
-        return nullptr;
-    }
-    if (vireo_extra_para_table_json_parse(json_root, table) != 0) {
-        VIREO_TRACE("Failed to parse json -> extra para table struct.\n");
-        free(table);
-        return nullptr;
-    }
-    return table;
+    extra_para_table *record =
+        vireo_record_build(VIREO_SITE(), json_root, vireo_extra_para_table_json_parse,
+                           "Failed to parse json -> extra para table struct.\n");
+    return record;
 }
 
 extra_para_table *vireo_extra_para_table_build_by_json_data(const char *data, int32_t len)
 {
     VIREO_PROGRESS();
-    cjson_ptr root(vireo_parse_json_data(data, len), cJSON_Delete);
-    if (!root) {
-        VIREO_TRACE("Failed to parse json.\n");
-        return nullptr;
-    }
-    extra_para_table *table = vireo_extra_para_table_build(root.get());
-    if (!table)
-        VIREO_TRACE("Failed to parse json.\n");
-    return table;
+    return vireo_record_build_by_text(VIREO_SITE(), data, len, vireo_extra_para_table_build);
 }
 
 void vireo_extra_para_table_destroy(extra_para_table *table)

@@ -50,31 +50,17 @@ int32_t vireo_ptn_support_list_json_parse(const cJSON *json_root, support_list *
 support_list *vireo_ptn_support_list_build(const cJSON *json_root)
 {
     VIREO_ASSERT(json_root);
-    support_list *list = static_cast<support_list *>(calloc(1, sizeof(support_list)));
-    if (!list) {
-        VIREO_TRACE("failed to alloc %d bytes.\n", static_cast<int>(sizeof(support_list)));
-        return nullptr;
-    }
-    if (vireo_ptn_support_list_json_parse(json_root, list) != 0) {
-        VIREO_TRACE("Failed to parse json -> support list struct.\n");
-        free(list);
-        return nullptr;
-    }
-    VIREO_TRACE("support_list %p\n", static_cast<void *>(list));
-    return list;
+    support_list *record =
+        vireo_record_build(VIREO_SITE(), json_root, vireo_ptn_support_list_json_parse,
+                           "Failed to parse json -> support list struct.\n");
+    if (record)
+        VIREO_TRACE("support_list %p\n", static_cast<void *>(record));
+    return record;
 }
 
 support_list *vireo_ptn_support_list_build_by_json_data(const char *data, int32_t len)
 {
-    cjson_ptr root(vireo_parse_json_data(data, len), cJSON_Delete);
-    if (!root) {
-        VIREO_TRACE("Failed to parse json.\n");
-        return nullptr;
-    }
-    support_list *list = vireo_ptn_support_list_build(root.get());
-    if (!list)
-        VIREO_TRACE("Failed to parse json.\n");
-    return list;
+    return vireo_record_build_by_text(VIREO_SITE(), data, len, vireo_ptn_support_list_build);
 }
 
 void vireo_ptn_support_list_destroy(support_list *list)

@@ -4,6 +4,7 @@
 
 #include "firmware/vireo_firmware_header.h"
 #include "firmware/vireo_firmware_up_ptn_table.h"
+#include "firmware/vireo_firmware_walk.h"
 #include "ptn/vireo_ptn_device_info.h"
 #include "ptn/vireo_ptn_firmware_info.h"
 
@@ -47,6 +48,12 @@ struct vireo_file_buffer {
 // Reads the whole file; 0, or -1 (traced at site) on any failure or a short read.
 int32_t vireo_ubi_read_firmware(const vireo_trace_site &site, const char *path,
                                 vireo_file_buffer *file);
+
+// Reads the file and walks its chain to the first image that suits the device; 0, or -1
+// (traced at site, refusals with refused).
+int32_t vireo_ubi_find_image(const vireo_trace_site &site, uint32_t ubi_num, const char *path,
+                             const char *refused, vireo_file_buffer *file,
+                             vireo_walk_result *found);
 
 // Flags off, every entry written into the volume of its name, the user data copied onto
 // the ".b" twins, flags on; 0 / -1.

@@ -121,23 +121,31 @@ int32_t vireo_ubi_read_firmware(const vireo_trace_site &site, const char *path,
     return 0;
 }
 
-int32_t vireo_firmware_check_ubi(uint32_t ubi_num, const char *up_path)
+int32_t vireo_ubi_find_image(const vireo_trace_site &site, uint32_t ubi_num, const char *path,
+                             const char *refused, vireo_file_buffer *file, vireo_walk_result *found)
 {
-    if (!up_path) {
-        VIREO_TRACE("Invalid params, %u,%p.\n", ubi_num, static_cast<const void *>(up_path));
+    if (!path) {
+        vireo_trace_at(site, "Invalid params, %u,%p.\n", ubi_num, static_cast<const void *>(path));
         return -1;
     }
-    vireo_file_buffer file;
-    if (vireo_ubi_read_firmware(VIREO_SITE(), up_path, &file) != 0)
+    if (vireo_ubi_read_firmware(site, path, file) != 0)
         return -1;
+    // The same-version mark of the image taken decides, not one left by an earlier image.
     const auto fits = [ubi_num](const firmware_header *header, up_ptn_table *table,
                                 const vireo_payload &payload) {
+        same_software_version = false;
         return vireo_firmware_check_upgradable_ubi(ubi_num, header, table, payload) == 1;
     };
+    return vireo_firmware_walk(site, file->bytes, file->length, refused, fits, found);
+}
+
+int32_t vireo_firmware_check_ubi(uint32_t ubi_num, const char *up_path)
+{
+    vireo_file_buffer file;
     vireo_walk_result found;
-    if (vireo_firmware_walk(VIREO_SITE(), file.bytes, file.length,
-                            "Firmware is not allowed to upgrade into this device.\n", fits,
-                            &found) != 0)
+    if (vireo_ubi_find_image(VIREO_SITE(), ubi_num, up_path,
+                             "Firmware is not allowed to upgrade into this device.\n", &file,
+                             &found) != 0)
         return -1;
     VIREO_TRACE("Firmware is upgradable for this DEVICE. \n");
     return 0;

@@ -180,23 +180,11 @@ int32_t vireo_firmware_update_ubi_content(uint32_t ubi_num, const firmware_heade
 
 int32_t vireo_firmware_upgrade_ubi(uint32_t ubi_num, const char *up_path)
 {
-    if (!up_path) {
-        VIREO_TRACE("Invalid params, %u,%p.\n", ubi_num, static_cast<const void *>(up_path));
-        return -1;
-    }
     vireo_file_buffer file;
-    if (vireo_ubi_read_firmware(VIREO_SITE(), up_path, &file) != 0)
-        return -1;
-    // The mark of the image that is installed decides, not one left by an earlier image.
-    const auto fits = [ubi_num](const firmware_header *header, up_ptn_table *table,
-                                const vireo_payload &payload) {
-        same_software_version = false;
-        return vireo_firmware_check_upgradable_ubi(ubi_num, header, table, payload) == 1;
-    };
     vireo_walk_result found;
-    if (vireo_firmware_walk(VIREO_SITE(), file.bytes, file.length,
-                            "Firmware is not allowed to upgrade this up table into this device.\n",
-                            fits, &found) != 0)
+    if (vireo_ubi_find_image(VIREO_SITE(), ubi_num, up_path,
+                             "Firmware is not allowed to upgrade this up table into this device.\n",
+                             &file, &found) != 0)
         return -1;
     if (same_software_version) {
         VIREO_TRACE("same software version, no need to upgrade\n\n");
