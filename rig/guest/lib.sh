@@ -202,3 +202,10 @@ flag_of()
     score=$(tr -d '\0' </tmp/flag.json | grep -o '"score":-*[0-9]*' | cut -d: -f2)
     echo "${flag:-none}:${score:-none}"
 }
+
+# Attaches "extra-para-ubi" as UBI device 4, where the raw-flash upgrade keeps the flags of
+# images that carry "ubi", unless it is attached already (a failed upgrade leaves it so).
+attach_flag_device()
+{
+    [ -e /sys/class/ubi/ubi4 ] || ubiattach -m "$(mtd_index extra-para-ubi)" -d 4 >/dev/null
+}

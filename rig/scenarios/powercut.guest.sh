@@ -16,7 +16,7 @@ if [ "$PHASE" = upgrade ]; then
     rig_done
 fi
 
-case $FLAG in ubi4:*) ubiattach -m "$(mtd_index extra-para-ubi)" -d 4 >/dev/null ;; esac
+case $FLAG in ubi4:*) attach_flag_device ;; esac
 other=$(items_state /rig/factory $OTHER)
 flag=$(flag_of "$FLAG")
 contents=mixed

@@ -9,7 +9,7 @@ run_tool upgrade -U -u /tmp/up.bin
 expect_value "-U" 0 "$TOOL_STATUS"
 [ -e /sys/class/ubi/ubi4 ] && not_ok "ubi4 is still attached after -U" || ok "ubi4 detached after -U"
 
-ubiattach -m "$(mtd_index extra-para-ubi)" -d 4 >/dev/null
+attach_flag_device
 for item in $OTHER $TARGET $FLAG; do
     expect_same "${item#*:}" "$(item_dev "$item")" "/rig/upgraded/${item#*:}"
 done

@@ -29,7 +29,7 @@ TOOL_STATUS=$?
 cmp -s /tmp/up.bin /rig/up.bin && not_ok "the file was not rewritten while the upgrade ran" ||
     ok "the file was rewritten while the upgrade ran"
 
-case $FLAG in ubi4:*) ubiattach -m "$(mtd_index extra-para-ubi)" -d 4 >/dev/null ;; esac
+case $FLAG in ubi4:*) attach_flag_device ;; esac
 flag=$(flag_of "$FLAG")
 echo "-U ended with status $TOOL_STATUS, target flag $flag"
 if [ "$flag" = "$FACTORY_FLAG" ]; then
