@@ -1,5 +1,7 @@
-// A small reader of uci files (config/option/list lines, quotes, comments) offering the
-// subset of libuci's types and calls that the tool uses, with libuci's names.
+// A small reader of uci files offering the subset of libuci's types and calls that the tool
+// uses, with libuci's names. It reads a file as libuci's parser does, quirks included:
+// abbreviated commands, quotes glued to words, multi-line quotes, backslash line joins,
+// comments, ';' between commands, merged named sections, strict errors.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +13,16 @@ struct uci_list {
 
 enum uci_type { UCI_TYPE_PACKAGE = 1, UCI_TYPE_SECTION, UCI_TYPE_OPTION, UCI_TYPE_ITEM };
 enum uci_option_type { UCI_TYPE_STRING = 0, UCI_TYPE_LIST = 1 };
-enum { UCI_OK = 0, UCI_ERR_MEM, UCI_ERR_INVAL, UCI_ERR_NOTFOUND, UCI_ERR_IO, UCI_ERR_PARSE };
+enum {
+    UCI_OK = 0,
+    UCI_ERR_MEM,
+    UCI_ERR_INVAL,
+    UCI_ERR_NOTFOUND,
+    UCI_ERR_IO,
+    UCI_ERR_PARSE,
+    UCI_ERR_DUPLICATE,
+    UCI_ERR_UNKNOWN
+};
 
 // The list node comes first in every element, so an element is its list node.
 struct uci_element {
@@ -57,7 +68,9 @@ struct uci_context {
 
 uci_context *uci_alloc_context();
 void uci_free_context(uci_context *ctx);
-// Loads a package file by path; UCI_OK, or an error (UCI_ERR_IO, UCI_ERR_PARSE, ...).
+// Loads a package file by path (its file name is the package name); UCI_OK, or
+// UCI_ERR_NOTFOUND (no regular file), UCI_ERR_INVAL (a file name that is no package name),
+// UCI_ERR_DUPLICATE (a package of that name is loaded), UCI_ERR_PARSE, UCI_ERR_MEM.
 int uci_load(uci_context *ctx, const char *name, uci_package **package);
 int uci_unload(uci_context *ctx, uci_package *p);
 // Finds the element named name in list: UCI_OK with *e set, or UCI_ERR_NOTFOUND.

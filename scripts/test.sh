@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the plain and the sanitizer trees, checks the
-# formatting and runs every test in both trees.
+# formatting, runs every test in both trees and the scenarios of the virtual router, then the
+# aarch64 cross build's tests, the install and packaging checks and the libuci tests.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -19,8 +20,17 @@ echo "== tests (plain build) =="
 ctest --test-dir build --output-on-failure -j2 | tee -a "$log" || status=1
 echo "== tests (AddressSanitizer + UndefinedBehaviorSanitizer build) =="
 ctest --test-dir build-asan --output-on-failure -j2 | tee -a "$log" || status=1
+echo "== the tool on the kernel's MTD and UBI drivers (virtual router, rig/run.sh) =="
+bash rig/run.sh | tee -a "$log" || status=1
+echo "== aarch64 cross build, its tests under qemu-user (scripts/cross-test.sh) =="
+bash scripts/cross-test.sh | tee -a "$log" || status=1
+echo "== DESTDIR install, man pages, the OpenWrt package's build (scripts/install-test.sh) =="
+bash scripts/install-test.sh | tee -a "$log" || status=1
+echo "== the settings code on the real libuci (scripts/libuci-test.sh) =="
+bash scripts/libuci-test.sh | tee -a "$log" || status=1
 
-# One closing line for both trees.
+# One closing line for all of them.
 awk '/tests failed out of/ { total += $NF; failed += $(NF-4) }
+     /^([a-z]+: )?[0-9]+ passed, [0-9]+ failed$/ { total += $(NF-3) + $(NF-1); failed += $(NF-1) }
      END { printf "%d passed, %d failed\n", total - failed, failed }' "$log"
 exit $status

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 namespace
 {
 
@@ -62,7 +64,7 @@ TEST(Settings, MissingFileSectionOrBadSyntax)
 
     for (const char *bad :
          {"config special_id_support_list\n\tlist special_id 'open\n", "\tlist special_id 'x'\n",
-          "bogus line\n", "config special_id_support_list\n\tlist 'x'\n"}) {
+          "bogus line\n", "config special_id_support_list\n\tlist special-id 'x'\n"}) {
         root.write("etc/profile.d/profile", bad);
         EXPECT_EQ(0, accepts("x", &out)) << bad;
         EXPECT_TRUE(has_trace(out, "uci_load profile fail.")) << bad;
@@ -99,4 +101,65 @@ TEST(Settings, ReaderKeepsQuotedValuesAndTurnsRepeatedOptionIntoList)
     EXPECT_EQ(nullptr, uci_lookup_option(ctx, s, "none"));
     uci_unload(ctx, pkg);
     uci_free_context(ctx);
+}
+
+// The items of list special_id in the first section of type special_id_support_list, each
+// followed by '|'; "fail" when the file does not load, "none" without such a list.
+static std::string special_id_items(const std::string &text)
+{
+    temp_dir dir;
+    const std::string path = dir.write("profile", text);
+    uci_context *ctx = uci_alloc_context();
+    uci_package *pkg = nullptr;
+    std::string items = "fail";
+    if (uci_load(ctx, path.c_str(), &pkg) == UCI_OK) {
+        items = "none";
+        uci_element *e;
+        uci_foreach_element(&pkg->sections, e)
+        {
+            if (strcmp(uci_to_section(e)->type, "special_id_support_list") != 0)
+                continue;
+            uci_option *o = uci_lookup_option(ctx, uci_to_section(e), "special_id");
+            if (o && o->type == UCI_TYPE_LIST) {
+                items.clear();
+                uci_foreach_element(&o->v.list, e) items += std::string(e->name) + "|";
+            }
+            break;
+        }
+        uci_unload(ctx, pkg);
+    }
+    uci_free_context(ctx);
+    return items;
+}
+
+// The same rows pass against libuci (a build with VIREO_HAVE_LIBUCI), which is how these
+// answers were found.
+TEST(Settings, ReaderFollowsLibuciOnTheFineDetails)
+{
+    const std::pair<const char *, const char *> rows[] = {
+        {"c special_id_support_list\n l special_id a\n", "a|"},
+        {"config special_id_support_list\nlist special_id a; list special_id b\n", "a|"},
+        {"config special_id_support_list\nlist special_id 'a'; list special_id b\n", "a|b|"},
+        {"config special_id_support_list s\nlist special_id a\nconfig other\n"
+         "config special_id_support_list s\nlist special_id b\n",
+         "a|b|"},
+        {"config other s\nconfig special_id_support_list s\n", "fail"},
+        {"config special_id_support_list\nlist special_id 55\\\n53\n", "5553|"},
+        {"config special_id_support_list\nlist special_id 'a\nb'\n", "a\nb|"},
+        {"config special_id_support_list\nlist special_id 'a'\"b\"c\n", "abc|"},
+        {"config special_id_support_list\nlist special_id \"a\\\"\\b\"\n", "a\"b|"},
+        {"config special_id_support_list\nlist special_id\nlist special_id ''\n", "||"},
+        {"config special_id_support_list\noption special_id ''\n", "none"},
+        {"config special_id_support_list\noption special_id x\nlist special_id y\n", "x|y|"},
+        {"config special_id_support_list\nlist special_id a#b\n#\n", "a|"},
+        {"config special_id_support_list\r\nlist special_id a\r\n", "a|"},
+        {"config special_id_support_list\nlist special_id a", "a|"},
+        {"config special_id_support_list\nlist special_id a b\n", "fail"},
+        {"config special_id_support_list\nlist special_id 'a\n", "fail"},
+        {"config special_id_support_list\nlist\vspecial_id a\n", "fail"},
+        {"config 'a.b'\nconfig special_id_support_list\n", "none"},
+        {"config special_id_support_list x.y\n", "fail"},
+    };
+    for (const auto &[text, items] : rows)
+        EXPECT_EQ(items, special_id_items(text)) << text;
 }
