@@ -23,18 +23,17 @@ bytes value_of(const bignum *n)
 {
     bytes out;
     for (int32_t i = 2 * n[0]; i-- > 0;)
-        out.push_back(bignum_get_byte(n, i));
-    while (!out.empty() && out.front() == 0)
-        out.erase(out.begin());
+        if (!out.empty() || bignum_get_byte(n, i) != 0)
+            out.push_back(bignum_get_byte(n, i));
     return out;
 }
 
 bytes ref_mod_exp(const bytes &b, const bytes &e, const bytes &m)
 {
-    bn_ptr bb(BN_bin2bn(b.data(), static_cast<int>(b.size()), nullptr), BN_free);
-    bn_ptr ee(BN_bin2bn(e.data(), static_cast<int>(e.size()), nullptr), BN_free);
-    bn_ptr mm(BN_bin2bn(m.data(), static_cast<int>(m.size()), nullptr), BN_free);
-    bn_ptr r(BN_new(), BN_free);
+    const auto bn = [](const bytes &v) {
+        return bn_ptr(BN_bin2bn(v.data(), static_cast<int>(v.size()), nullptr), BN_free);
+    };
+    bn_ptr bb = bn(b), ee = bn(e), mm = bn(m), r(BN_new(), BN_free);
     std::unique_ptr<BN_CTX, decltype(&BN_CTX_free)> ctx(BN_CTX_new(), BN_CTX_free);
     BN_mod_exp(r.get(), bb.get(), ee.get(), mm.get(), ctx.get());
     bytes out(static_cast<size_t>(BN_num_bytes(r.get())));
@@ -56,40 +55,39 @@ void expect_mod_exp(const bytes &b, const bytes &e, const bytes &m, const std::s
 TEST(Bignum, ConstructionAndByteAccess)
 {
     num_ptr one = num({0x00, 0x00, 0x01});
-    EXPECT_EQ(1, one.get()[0]);
-    EXPECT_EQ(1, one.get()[1]);
+    EXPECT_EQ((std::vector<uint16_t>{1, 1}), std::vector<uint16_t>(one.get(), one.get() + 2));
     bytes big(128, 0x55);
     big[0] = 0x80;
     num_ptr n = num(big);
     EXPECT_EQ(64, n.get()[0]);
     EXPECT_EQ(1024u, bignum_bit_length(n.get()));
-
     num_ptr u(bignum_from_u32(65536), bignum_free);
-    EXPECT_EQ(2, u.get()[0]);
-    EXPECT_EQ(0, u.get()[1]);
-    EXPECT_EQ(1, u.get()[2]);
+    EXPECT_EQ((std::vector<uint16_t>{2, 0, 1}), std::vector<uint16_t>(u.get(), u.get() + 3));
     num_ptr zero(bignum_from_u32(0), bignum_free);
     EXPECT_EQ(1, zero.get()[0]);
     EXPECT_EQ(0u, bignum_bit_length(zero.get()));
     EXPECT_EQ(1u, bignum_bit_length(one.get()));
-
     num_ptr x = num({0x12, 0x34});
     EXPECT_EQ(0x34, bignum_get_byte(x.get(), 0));
     EXPECT_EQ(0x12, bignum_get_byte(x.get(), 1));
     EXPECT_EQ(0, bignum_get_byte(x.get(), 2));
     EXPECT_EQ(0, bignum_get_byte(x.get(), -1));
+    // A base longer than the modulus, and a zero modulus, are refused.
+    num_ptr three(bignum_from_u32(3), bignum_free);
+    EXPECT_EQ(nullptr,
+              bignum_mod_exp(num(bytes(66, 0xFF)).get(), three.get(), num(random_bytes(64)).get()));
+    EXPECT_EQ(nullptr, bignum_mod_exp(three.get(), three.get(), zero.get()));
 }
 
-TEST(Bignum, ModExpMatchesOpenSslOnRandom1024BitModuli)
+TEST(Bignum, ModExpMatchesOpenSsl)
 {
     std::mt19937 rng(2048);
     for (int round = 0; round < 120; round++) {
         bytes m = random_bytes(128);
-        // Half the moduli have the top bit set (no normalising shift), half have 1..15
-        // leading zero bits in their top 16-bit digit.
+        // Half the 1024-bit moduli have the top bit set (no normalising shift), half have
+        // 1..15 leading zero bits in their top 16-bit digit.
         const int s = round % 2 ? 0 : 1 + static_cast<int>(rng() % 15);
-        uint16_t top = static_cast<uint16_t>((m[0] << 8) | m[1]);
-        top = static_cast<uint16_t>((top | 0x8000) >> s);
+        const uint16_t top = static_cast<uint16_t>((((m[0] << 8) | m[1]) | 0x8000) >> s);
         m[0] = static_cast<uint8_t>(top >> 8);
         m[1] = static_cast<uint8_t>(top);
         m[127] |= 1;
@@ -98,45 +96,29 @@ TEST(Bignum, ModExpMatchesOpenSslOnRandom1024BitModuli)
         if (round % 6 == 0) {
             b = m;
         } else if (round % 6 == 3) {
-            const uint16_t max_top = static_cast<uint16_t>(0xFFFF >> s);
             b.assign(128, 0xFF);
-            b[0] = static_cast<uint8_t>(max_top >> 8);
-            b[1] = static_cast<uint8_t>(max_top);
+            b[0] = static_cast<uint8_t>((0xFFFF >> s) >> 8);
+            b[1] = static_cast<uint8_t>(0xFFFF >> s);
         } else {
             b[0] &= static_cast<uint8_t>(0xFF >> s);
         }
         const bytes e = round % 4 == 0 ? random_bytes(128) : random_bytes(1 + rng() % 8);
         expect_mod_exp(b, e, m, "round " + std::to_string(round) + " s=" + std::to_string(s));
     }
-}
-
-TEST(Bignum, ModExpSmallExponentsAndSizes)
-{
-    std::mt19937 rng(65537);
+    // Small exponents at many sizes.
     for (uint32_t e : {0u, 1u, 2u, 3u, 65537u}) {
         const bytes eb = {static_cast<uint8_t>(e >> 24), static_cast<uint8_t>(e >> 16),
                           static_cast<uint8_t>(e >> 8), static_cast<uint8_t>(e)};
         for (size_t len : {1, 2, 3, 5, 64, 127, 128, 256}) {
-            bytes m = random_bytes(len);
+            bytes m = random_bytes(len), b = random_bytes(len);
             m[0] |= 0x01;
             m[len - 1] |= 1;
             if (len == 1 && m[0] < 2)
                 m[0] = 3;
-            bytes b = random_bytes(len);
             b[0] = static_cast<uint8_t>(b[0] % (m[0] + 1));
             expect_mod_exp(b, eb, m, "e=" + std::to_string(e) + " len=" + std::to_string(len));
         }
     }
-}
-
-TEST(Bignum, ModExpRefusesBaseLongerThanModulus)
-{
-    num_ptr m = num(random_bytes(64));
-    num_ptr b = num(bytes(66, 0xFF));
-    num_ptr e(bignum_from_u32(3), bignum_free);
-    EXPECT_EQ(nullptr, bignum_mod_exp(b.get(), e.get(), m.get()));
-    num_ptr zero(bignum_from_u32(0), bignum_free);
-    EXPECT_EQ(nullptr, bignum_mod_exp(e.get(), e.get(), zero.get()));
 }
 
 TEST(Bignum, RemainderByAlgorithmDMatchesOpenSsl)
@@ -145,37 +127,30 @@ TEST(Bignum, RemainderByAlgorithmDMatchesOpenSsl)
     // Digits drawn from extreme values make the trial quotient too large more often,
     // which exercises the add-back step.
     const uint16_t extremes[] = {0, 1, 0x7FFF, 0x8000, 0xFFFE, 0xFFFF};
-    auto digit = [&](int round) {
-        return round % 2 ? extremes[rng() % 6] : static_cast<uint16_t>(rng());
+    const auto to_bytes = [](const std::vector<uint16_t> &d) {
+        bytes b;
+        for (uint16_t x : d)
+            b.insert(b.end(), {static_cast<uint8_t>(x >> 8), static_cast<uint8_t>(x)});
+        return b;
     };
     for (int round = 0; round < 4000; round++) {
         const uint32_t len = 1 + rng() % (round % 2 ? 4 : 20);
         const uint32_t m = len + rng() % (round % 2 ? 4 : 20);
         std::vector<uint16_t> v(len), u(m);
-        for (auto &d : v)
-            d = digit(round);
-        for (auto &d : u)
-            d = digit(round);
+        for (auto *digits : {&v, &u})
+            for (auto &d : *digits)
+                d = round % 2 ? extremes[rng() % 6] : static_cast<uint16_t>(rng());
         v[0] |= 0x8000;
         if (round % 7 == 0)
             for (uint32_t i = 0; i < len && i < m; i++)
                 u[i] = v[i]; // leading digits equal to the divisor's: qhat corrections
-        auto to_bytes = [](const std::vector<uint16_t> &d) {
-            bytes b;
-            for (uint16_t x : d) {
-                b.push_back(static_cast<uint8_t>(x >> 8));
-                b.push_back(static_cast<uint8_t>(x));
-            }
-            return b;
-        };
         const bytes want = ref_mod_exp(to_bytes(u), {1}, to_bytes(v));
         std::vector<uint16_t> r = u;
         bignum_rem(r.data(), m, v.data(), len);
         bytes got = to_bytes(r);
-        for (uint32_t i = 0; i < 2 * (m - len); i++)
-            EXPECT_EQ(0, got[i]) << "digits above the remainder are cleared";
-        while (!got.empty() && got.front() == 0)
-            got.erase(got.begin());
+        EXPECT_EQ(bytes(2 * (m - len), 0), bytes(got.begin(), got.begin() + 2 * (m - len)))
+            << "digits above the remainder are cleared";
+        got.erase(got.begin(), std::find_if(got.begin(), got.end(), [](uint8_t c) { return c; }));
         EXPECT_EQ(want, got) << "round " << round;
     }
 }

@@ -36,6 +36,11 @@ bytes ref_sha1(const bytes &data)
     return digest_of(EVP_sha1(), data);
 }
 
+bytes ref_sha256(const bytes &data)
+{
+    return digest_of(EVP_sha256(), data);
+}
+
 pkey_ptr ref_rsa_generate(int bits)
 {
     return pkey_ptr(EVP_RSA_gen(static_cast<unsigned int>(bits)), EVP_PKEY_free);
@@ -61,17 +66,19 @@ bytes ref_rsa_modulus(EVP_PKEY *key)
     return out;
 }
 
-bytes ref_rsa_blob(EVP_PKEY *key)
+bytes rsa_blob_of(const bytes &n, uint32_t exponent)
 {
-    const bytes n = ref_rsa_modulus(key);
-    const uint32_t bits = static_cast<uint32_t>(n.size() * 8);
     bytes blob = {6, 2, 0, 0, 0x00, 0xA4, 0, 0, 'R', 'S', 'A', '1'};
-    for (uint32_t v : {bits, 65537u})
+    for (uint32_t v : {static_cast<uint32_t>(n.size() * 8), exponent})
         for (int i = 0; i < 4; i++)
             blob.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    for (size_t i = n.size(); i-- > 0;)
-        blob.push_back(n[i]);
+    blob.insert(blob.end(), n.rbegin(), n.rend());
     return blob;
+}
+
+bytes ref_rsa_blob(EVP_PKEY *key)
+{
+    return rsa_blob_of(ref_rsa_modulus(key), 65537);
 }
 
 // The private-key operation with the given padding, and SHA-1 as the signed hash's
@@ -106,6 +113,14 @@ bytes ref_rsa_raw_private(EVP_PKEY *key, const bytes &em)
 bytes reversed(bytes b)
 {
     return bytes(b.rbegin(), b.rend());
+}
+
+std::string to_hex(const bytes &b)
+{
+    std::string s;
+    for (uint8_t c : b)
+        s += "0123456789abcdef"[c >> 4] + std::string(1, "0123456789abcdef"[c & 15]);
+    return s;
 }
 
 bytes from_hex(const std::string &hex)
