@@ -46,24 +46,22 @@ std::string fake_root::bytes(const std::string &fixed) const
     return read_file(at(fixed));
 }
 
+std::string content_header(uint32_t length, uint32_t checksum)
+{
+    std::string h("\xAA\x55\xD9\x8F\x04\xE9\x55\xAA", 8);
+    for (uint32_t word : {length, checksum})
+        for (int shift = 24; shift >= 0; shift -= 8)
+            h += static_cast<char>(word >> shift);
+    return h;
+}
+
 std::string with_content_header(const std::string &doc)
 {
-    const uint32_t n = static_cast<uint32_t>(doc.size());
-    const unsigned char h[16] = {0xAA,
-                                 0x55,
-                                 0xD9,
-                                 0x8F,
-                                 0x04,
-                                 0xE9,
-                                 0x55,
-                                 0xAA,
-                                 static_cast<unsigned char>(n >> 24),
-                                 static_cast<unsigned char>(n >> 16),
-                                 static_cast<unsigned char>(n >> 8),
-                                 static_cast<unsigned char>(n),
-                                 0,
-                                 0,
-                                 0,
-                                 0};
-    return std::string(reinterpret_cast<const char *>(h), sizeof(h)) + doc;
+    return content_header(static_cast<uint32_t>(doc.size())) + doc;
+}
+
+std::string content_of(const std::string &bytes)
+{
+    const uint32_t len = bytes.size() < 16 ? 0 : be32(reinterpret_cast<const uint8_t *>(&bytes[8]));
+    return bytes.size() >= 16 && len <= bytes.size() - 16 ? bytes.substr(16, len) : "";
 }

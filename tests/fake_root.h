@@ -4,6 +4,7 @@
 
 #include "test_util.h"
 
+#include <cstdint>
 #include <string>
 
 struct fake_root : temp_dir {
@@ -20,5 +21,8 @@ struct fake_root : temp_dir {
     std::string bytes(const std::string &fixed) const;
 };
 
-// A record document behind its 16-byte content header.
+// The 16-byte content header (big-endian magic, length, checksum); a document behind it.
+std::string content_header(uint32_t length, uint32_t checksum = 0);
 std::string with_content_header(const std::string &doc);
+// The content that the header at the start of bytes accounts for ("" when it does not fit).
+std::string content_of(const std::string &bytes);

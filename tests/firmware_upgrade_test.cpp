@@ -3,37 +3,23 @@
 // every write of the tool, can make a partition behave like NOR flash (a write only
 // clears bits) and can make writes to a file fail.
 #include "firmware/vireo_firmware_upgrade.h"
-#include "firmware/vireo_firmware_integrity.h"
-#include "ptn/vireo_extra_para.h"
 
 #include "openssl_ref.h"
 #include "pack_fixture.h"
 #include "raw_device.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <map>
 #include <sstream>
+#include <sys/stat.h>
 
 namespace
 {
-
-const std::string kDevice = devinfo_json("VR100", "1.0", "55530000");
-const std::string kFits = "[" + entry_json("VR100", "1.0", "55530000") + "]";
-
-std::string flags_doc(bool on, int score)
-{
-    char text[128];
-    on ? vireo_extra_para_format_flag_on(score, text, sizeof(text))
-       : vireo_extra_para_format_flag_off(score, text, sizeof(text));
-    return text;
-}
 
 std::vector<raw_ptn> layout()
 {
     return {{"partition-table", 0x00000, 0x10000, ""},
             {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
-            {"extra-para", 0x20000, 0x10000, with_content_header(flags_doc(true, 0))},
+            {"extra-para", 0x20000, 0x10000, with_content_header(flag_doc(true, 0))},
             {"support-list", 0x30000, 0x10000, ""},
             {"firmware-info", 0x40000, 0x10000, ""},
             {"kernel", 0x50000, 0x20000, std::string(0x1000, 'k')},
@@ -41,14 +27,6 @@ std::vector<raw_ptn> layout()
             {"data", 0x90000, 0x10000, std::string(0x800, 'd')},
             {"cfg1", 0xC0000, 0x10000, std::string(0x100, '1')},
             {"cfg2", 0xD0000, 0x10000, std::string(0x100, '2')}};
-}
-
-std::string pattern(size_t n, int seed)
-{
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; i++)
-        s[i] = static_cast<char>((i * 31 + static_cast<size_t>(seed)) >> 3);
-    return s;
 }
 
 const char kMtd[] = R"SH(#!/bin/sh
@@ -65,7 +43,6 @@ const char kLogOnly[] = "#!/bin/sh\necho \"$(basename \"$0\") $*\" >> \"$VIREO_T
 struct upgrade_run {
     int status;
     std::string out;
-    std::vector<std::string> traces;
     std::vector<std::string> calls;            // of the stand-ins
     std::map<std::string, size_t> written;     // bytes per device file
     std::map<std::string, size_t> write_calls; // write() calls per device file
@@ -78,29 +55,24 @@ class Upgrade : public ::testing::Test
     {
         install(layout());
     }
-    // A fresh device of these partitions, with the stand-ins.
-    void install(const std::vector<raw_ptn> &ptns)
-    {
-        dev = std::make_unique<raw_device>(ptns);
-        dev->write("bin/mtd", kMtd);
-        dev->write("bin/ubiattach", kLogOnly);
-        dev->write("bin/ubidetach", kLogOnly);
-        for (const char *tool : {"mtd", "ubiattach", "ubidetach"})
-            chmod(dev->join(std::string("bin/") + tool).c_str(), 0755);
-        dev->write("tmp/.keep", "");
-    }
     void TearDown() override
     {
         reset_integrity_state();
     }
-
-    std::vector<uint8_t> pack(const std::vector<fw_image> &images)
+    // A fresh device of these partitions, with the stand-ins.
+    void install(const std::vector<raw_ptn> &ptns)
     {
-        file = pack_firmware(dir, fw_manifest(dir, images));
-        EXPECT_FALSE(file.empty());
-        return file;
+        dev = std::make_unique<raw_device>(ptns);
+        for (const auto &[tool, text] : {std::pair<const char *, const char *>{"mtd", kMtd},
+                                         {"ubiattach", kLogOnly},
+                                         {"ubidetach", kLogOnly}})
+            chmod(dev->write(std::string("bin/") + tool, text).c_str(), 0755);
+        dev->write("tmp/.keep", "");
     }
-
+    void pack(const std::vector<fw_image> &images)
+    {
+        file = pack_images(dir, images);
+    }
     std::string device(const std::string &name) const
     {
         for (size_t i = 0; i < dev->ptns.size(); i++)
@@ -108,12 +80,9 @@ class Upgrade : public ::testing::Test
                 return dev->at("/dev/mtd" + std::to_string(i + 1));
         return {};
     }
-
     upgrade_run upgrade(const std::vector<std::string> &env = {})
     {
-        const std::string log = dev->join("calls.log"), writes = dev->join("writes.log");
-        write_file(log, "");
-        write_file(writes, "");
+        const std::string log = dev->write("calls.log", ""), writes = dev->write("writes.log", "");
         std::vector<std::string> all = {"PATH=" + dev->join("bin") + ":" + getenv("PATH"),
                                         "VIREO_TEST_LOG=" + log,
                                         "VIREO_TEST_ROOT=" + dev->path,
@@ -123,45 +92,28 @@ class Upgrade : public ::testing::Test
         all.insert(all.end(), env.begin(), env.end());
         run_result r =
             run_program(VIREO_FAKE_ROOT_TOOL, {dev->path, "-U", "-u", dir.join("up.bin")}, all);
-        upgrade_run u{r.status, r.out, trace_messages(r.out), {}, {}, {}};
+        upgrade_run u{r.status, r.out, {}, {}, {}};
         std::istringstream calls(read_file(log)), w(read_file(writes));
         for (std::string line; std::getline(calls, line);)
             u.calls.push_back(line);
         std::string path;
-        size_t n;
-        while (w >> path >> n)
+        for (size_t n; w >> path >> n;)
             if (path.rfind(dev->join("dev/"), 0) == 0) {
                 u.written[path.substr(dev->path.size())] += n;
                 u.write_calls[path.substr(dev->path.size())]++;
             }
         return u;
     }
-
     // The flag record now in extra-para.
     std::string flags() const
     {
-        const std::string bytes = read_file(device("extra-para"));
-        const uint32_t len = (uint8_t(bytes[8]) << 24) | (uint8_t(bytes[9]) << 16) |
-                             (uint8_t(bytes[10]) << 8) | uint8_t(bytes[11]);
-        return len < 1024 ? bytes.substr(16, len) : "";
+        return content_of(read_file(device("extra-para")));
     }
 
     temp_dir dir;
     std::unique_ptr<raw_device> dev;
     std::vector<uint8_t> file;
 };
-
-size_t count_of(const std::vector<std::string> &v, const std::string &s)
-{
-    return static_cast<size_t>(std::count(v.begin(), v.end(), s));
-}
-
-std::string padded(const std::string &content, size_t size)
-{
-    std::string s = content;
-    s.resize(size, '\xff');
-    return s;
-}
 
 } // namespace
 
@@ -175,7 +127,7 @@ TEST_F(Upgrade, SameLayoutRewritesEveryCarriedPartitionOnce)
            {{"kernel", kernel}, {"rootfs", rootfs}}}});
     const upgrade_run u = upgrade({"VIREO_NOR_PATHS=" + device("kernel") + ":" + device("rootfs")});
     ASSERT_EQ(0, u.status) << u.out;
-    EXPECT_EQ(1u, count_of(u.traces, "PTN[partition-table] no changed, no need to update content"));
+    EXPECT_EQ(1u, count_trace(u.out, "PTN[partition-table] no changed, no need to update content"));
     EXPECT_EQ((std::vector<std::string>{"mtd erase support-list", "mtd erase kernel",
                                         "mtd erase rootfs"}),
               u.calls);
@@ -187,10 +139,10 @@ TEST_F(Upgrade, SameLayoutRewritesEveryCarriedPartitionOnce)
     EXPECT_EQ(0x2000u, u.written.at("/dev/mtd7"));
     EXPECT_EQ(4u, u.write_calls.at("/dev/mtd7"));
     EXPECT_EQ(0u, u.written.count("/dev/mtd1")) << "the unchanged table is not rewritten";
-    EXPECT_EQ(2u * 0x10000, u.written.at("/dev/mtd3")) << "flags off, flags on";
-    EXPECT_EQ(1u, count_of(u.traces, "Success to set flag on extra-para[" + device("extra-para") +
+    EXPECT_EQ(2u * 0x10000, u.written.at("/dev/mtd3")) << "flags off, flags on: read back at once";
+    EXPECT_EQ(1u, count_trace(u.out, "Success to set flag on extra-para[" + device("extra-para") +
                                          "], offset:0x00020000, size:0x00010000."));
-    EXPECT_EQ(flags_doc(true, 0), flags());
+    EXPECT_EQ(flag_doc(true, 0), flags());
 }
 
 TEST_F(Upgrade, LayoutChangeMovesWhatTheImageDoesNotCarry)
@@ -203,10 +155,9 @@ TEST_F(Upgrade, LayoutChangeMovesWhatTheImageDoesNotCarry)
     now.push_back({"cfg2", 0xC0000, 0x10000, ""});   // swapped, not carried
     now.push_back({"cfg1", 0xD0000, 0x10000, ""});
     now.push_back({"newp", 0xE0000, 0x10000, ""}); // new, not carried
-    const std::string table = table_json(now, dev->disk_size);
     const std::string kernel = pattern(0x1F000, 3);
-    std::string flash = dev->bytes("/dev/mtd0");
-    pack({{kFits, table, "", {{"kernel", kernel}}}});
+    const std::string flash = dev->bytes("/dev/mtd0");
+    pack({{kFits, table_json(now, dev->disk_size), "", {{"kernel", kernel}}}});
     const upgrade_run u = upgrade();
     ASSERT_EQ(0, u.status) << u.out;
     std::string want = flash;
@@ -216,30 +167,28 @@ TEST_F(Upgrade, LayoutChangeMovesWhatTheImageDoesNotCarry)
     want.replace(0xD0000, 0x10000, flash.substr(0xC0000, 0x10000));
     EXPECT_TRUE(want == dev->bytes("/dev/mtd0")) << "moves carry the flash as it was";
     EXPECT_EQ(padded(kernel, 0x20000), read_file(device("kernel")));
-    // The new table is written.
     EXPECT_NE(std::string::npos, read_file(device("partition-table")).find("\"newp\""));
-    EXPECT_EQ(1u, count_of(u.traces, "ptn[newp] is new ptn."));
-    EXPECT_EQ(flags_doc(true, 0), flags());
+    EXPECT_EQ(1u, count_trace(u.out, "ptn[newp] is new ptn."));
+    EXPECT_EQ(flag_doc(true, 0), flags());
 }
 
-TEST_F(Upgrade, FlagsAndPlacesOfSpecialPartitions)
+TEST_F(Upgrade, FlagsThatNeverReadBackBl2AndNoExtraPara)
 {
     const std::string bl2 = pattern(0x900, 4);
-    std::vector<raw_ptn> with_bl2 = dev->ptns;
-    with_bl2.push_back({"BL2", 0xE0000, 0x10000, ""});
-    raw_device *d = dev.get();
+    dev->ptns.push_back({"BL2", 0xE0000, 0x10000, ""});
     dev->mtd(11, "BL2", 0x10000);
-    d->ptns = with_bl2;
-    pack({{kFits, table_json(with_bl2, dev->disk_size), "", {{"BL2", bl2}}}});
+    pack({{kFits, table_json(dev->ptns, dev->disk_size), "", {{"BL2", bl2}}}});
     // Flag writes that never land: flag-on is tried four times and the upgrade succeeds.
-    write_file(device("extra-para"), padded(with_content_header(flags_doc(false, 1)), 0x10000));
+    write_file(device("extra-para"), padded(with_content_header(flag_doc(false, 1)), 0x10000));
     upgrade_run u = upgrade({"VIREO_FAIL_PATHS=" + device("extra-para")});
     ASSERT_EQ(0, u.status) << u.out;
-    EXPECT_EQ(3u, count_of(u.traces, "failed to get extra-para GOOD try again."));
+    EXPECT_EQ(3u, count_trace(u.out, "failed to get extra-para GOOD try again."));
     EXPECT_EQ(5u, u.write_calls.at("/dev/mtd3")) << "one flag-off and four flag-on attempts";
     EXPECT_EQ(padded(bl2, 0x1000), dev->bytes("/dev/mtd0").substr(0xE0000, 0x1000))
         << "BL2 goes through the whole flash at its base";
-    EXPECT_EQ(1u, count_of(u.calls, "mtd erase BL2"));
+    EXPECT_EQ((std::vector<std::string>{"mtd erase partition-table", "mtd erase support-list",
+                                        "mtd erase BL2"}),
+              u.calls);
 
     // Without extra-para no flag is touched.
     std::vector<raw_ptn> bare = layout();
@@ -248,13 +197,11 @@ TEST_F(Upgrade, FlagsAndPlacesOfSpecialPartitions)
     pack({{kFits, table_json(bare, 0x100000), "", {{"kernel", "k"}}}});
     u = upgrade();
     EXPECT_EQ(0, u.status) << u.out;
-    for (const std::string &t : u.traces)
-        EXPECT_EQ(std::string::npos, t.find("Success to set flag")) << t;
+    EXPECT_EQ(std::string::npos, u.out.find("Success to set flag")) << u.out;
 }
 
 TEST_F(Upgrade, FailuresLeaveTheImageFlaggedOff)
 {
-    const std::string bad = flags_doc(false, 1);
     struct {
         const char *what;
         std::vector<fw_image> images;
@@ -280,18 +227,21 @@ TEST_F(Upgrade, FailuresLeaveTheImageFlaggedOff)
     };
     for (auto &c : cases) {
         install(layout());
-        const std::string before = read_file(device("kernel"));
+        const auto before = dev->devices();
         pack(c.images);
         c.env.push_back("VIREO_NOR_PATHS=" + device("kernel"));
         const upgrade_run u = upgrade(c.env);
         EXPECT_EQ(255, u.status) << c.what;
-        EXPECT_EQ(1, std::count_if(u.traces.begin(), u.traces.end(),
+        const auto traces = trace_messages(u.out);
+        EXPECT_EQ(1, std::count_if(traces.begin(), traces.end(),
                                    [&](const std::string &t) { return t.rfind(c.trace, 0) == 0; }))
             << c.what << u.out;
         EXPECT_EQ(c.writes, !u.written.empty()) << c.what;
-        EXPECT_EQ(c.writes ? bad : flags_doc(true, 0), flags()) << c.what;
-        if (!c.writes) {
-            EXPECT_EQ(before, read_file(device("kernel")));
+        if (c.writes) {
+            EXPECT_EQ(flag_doc(false, 1), flags()) << c.what;
+            EXPECT_NE(before.at("mtd6"), read_file(device("kernel"))) << "earlier entries written";
+        } else {
+            EXPECT_EQ(before, dev->devices()) << c.what;
         }
     }
 }
@@ -341,7 +291,7 @@ TEST_F(Upgrade, FileRewrittenAfterVerificationIsNotInstalled)
     EXPECT_EQ(-1, r) << out;
     EXPECT_NE(std::string::npos, out.find("since it was verified.")) << out;
     EXPECT_TRUE(has_trace(out, "Failed to upgrade firmware into this device.")) << out;
-    EXPECT_EQ(flags_doc(false, 1), flags());
+    EXPECT_EQ(flag_doc(false, 1), flags());
     EXPECT_NE(padded(kernel, 0x20000), read_file(device("kernel")));
 }
 
@@ -349,11 +299,12 @@ TEST_F(Upgrade, ImageWithUbiUsesTheFlagVolumesAndTheBackupSlot)
 {
     // No UBI here: the flag volumes are found as MTD partitions of the same names.
     for (bool attachable : {true, false}) {
+        const std::string flags3 = with_content_header(flag_doc(true, 3) + '\0');
         std::vector<raw_ptn> ptns = {
             {"partition-table", 0x00000, 0x10000, ""},
             {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
-            {"extra-para", 0x20000, 0x10000, with_content_header(flags_doc(true, 3) + '\0')},
-            {"extra-para.b", 0x30000, 0x10000, with_content_header(flags_doc(true, 3) + '\0')},
+            {"extra-para", 0x20000, 0x10000, flags3},
+            {"extra-para.b", 0x30000, 0x10000, flags3},
             {attachable ? "extra-para-ubi" : "spare", 0x40000, 0x10000, ""},
             {"support-list", 0x50000, 0x10000, ""},
             {"firmware-info", 0x60000, 0x10000, ""},
@@ -364,7 +315,7 @@ TEST_F(Upgrade, ImageWithUbiUsesTheFlagVolumesAndTheBackupSlot)
         const std::string ubi = pattern(0x4000, 7);
         pack({{kFits,
                table_json(ptns, 0x100000),
-               R"({"software-version": "1.3.0 Build 1 Rel.00001", "firmware-id": "ID"})",
+               fwinfo_json("1.3.0 Build 1 Rel.1"),
                {{"ubi", ubi}}}});
         const upgrade_run u = upgrade();
         ASSERT_EQ(0, u.status) << u.out;
@@ -372,20 +323,15 @@ TEST_F(Upgrade, ImageWithUbiUsesTheFlagVolumesAndTheBackupSlot)
         EXPECT_EQ(padded(ubi, 0x20000), read_file(device("ubi.b")));
         EXPECT_EQ(0u, u.written.count("/dev/mtd7")) << "firmware-info is left alone";
         EXPECT_EQ(1u, u.written.count("/dev/mtd8")) << "firmware-info.b is written";
-        EXPECT_EQ(ptns[2].content,
-                  read_file(device("extra-para")).substr(0, ptns[2].content.size()))
-            << "the primary's flags are left alone";
-        const std::string backup = read_file(device("extra-para.b"));
-        EXPECT_EQ(flags_doc(true, 4), backup.substr(16, flags_doc(true, 4).size()));
-        const std::vector<std::string> attach = {"ubiattach -m 5 -d 4", "mtd erase support-list",
-                                                 "mtd erase firmware-info.b", "mtd erase ubi.b",
-                                                 "ubidetach -m 5"};
-        if (attachable) {
-            EXPECT_EQ(attach, u.calls);
-        } else {
-            EXPECT_EQ(std::vector<std::string>(attach.begin() + 1, attach.end() - 1), u.calls);
-            EXPECT_TRUE(
-                has_trace(u.out, "PTN[extra-para-ubi] not found, no UBI device 4 attached."));
-        }
+        EXPECT_EQ(padded(flags3, 0x10000), read_file(device("extra-para")));
+        EXPECT_EQ(flag_doc(true, 4) + '\0', content_of(read_file(device("extra-para.b"))));
+        std::vector<std::string> calls = {"ubiattach -m 5 -d 4", "mtd erase support-list",
+                                          "mtd erase firmware-info.b", "mtd erase ubi.b",
+                                          "ubidetach -m 5"};
+        if (!attachable)
+            calls = std::vector<std::string>(calls.begin() + 1, calls.end() - 1);
+        EXPECT_EQ(calls, u.calls);
+        EXPECT_EQ(!attachable,
+                  has_trace(u.out, "PTN[extra-para-ubi] not found, no UBI device 4 attached."));
     }
 }

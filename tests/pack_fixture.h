@@ -1,6 +1,8 @@
 // Firmware files made by vireo_firmware_pack with the test key, for the tests.
 #pragma once
 
+#include "firmware/vireo_firmware_header.h"
+#include "firmware/vireo_firmware_up_ptn_table.h"
 #include "test_util.h"
 
 #include <cstdint>
@@ -15,6 +17,12 @@ std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manif
 // Two images: the first carries partition-table, support-list, firmware-info, kernel and
 // rootfs; the second support-list, the same kernel (shared, pointing back) and extra.
 std::string two_image_manifest(const temp_dir &dir);
+
+// Walks the chain of images as the commands do: each header parsed in mode (0: its digest;
+// 1: its signature, or its structure alone after -m), then fn with the image's offset,
+// header and table (null when the table does not parse). Returns the images parsed.
+int walk_images(const std::vector<uint8_t> &file, int32_t mode,
+                const std::function<void(int32_t, const firmware_header &, up_ptn_table *)> &fn);
 
 // Resets the process-wide state of the integrity checks to that of a new run.
 void reset_integrity_state();

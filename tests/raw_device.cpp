@@ -1,6 +1,10 @@
 #include "raw_device.h"
 
+#include "pack_fixture.h"
+#include "ptn/vireo_extra_para.h"
+
 #include <dirent.h>
+#include <stdexcept>
 
 static std::string hex(uint32_t v)
 {
@@ -20,6 +24,11 @@ std::string devinfo_json(const std::string &model, const std::string &version,
     if (!flash_version.empty())
         s += R"("flash_version":")" + flash_version + "\",";
     return s + R"("hw_id":"HW","oem_id":"OEM","public_key":"PK","license_key":"LK"})";
+}
+
+std::string fwinfo_json(const std::string &version)
+{
+    return R"({"software-version": ")" + version + R"(", "firmware-id": "ID"})";
 }
 
 std::string table_json(const std::vector<raw_ptn> &ptns, uint32_t disk_size)
@@ -60,24 +69,11 @@ std::map<std::string, std::string> raw_device::devices() const
 {
     std::map<std::string, std::string> out;
     DIR *dir = opendir(join("dev").c_str());
-    while (dir) {
-        const dirent *e = readdir(dir);
-        if (!e)
-            break;
+    for (const dirent *e; dir && (e = readdir(dir));)
         if (e->d_name[0] != '.')
             out[e->d_name] = bytes(std::string("/dev/") + e->d_name);
-    }
-    if (dir)
-        closedir(dir);
+    closedir(dir);
     return out;
-}
-
-std::string raw_device::ptn_bytes(const std::string &name) const
-{
-    for (size_t i = 0; i < ptns.size(); i++)
-        if (ptns[i].name == name)
-            return bytes("/dev/mtd" + std::to_string(i + 1));
-    return {};
 }
 
 std::string entry_json(const std::string &model, const std::string &version,
@@ -110,4 +106,28 @@ std::string fw_manifest(const temp_dir &dir, const std::vector<fw_image> &images
         s += "]}";
     }
     return s + "]}";
+}
+
+std::vector<uint8_t> pack_images(const temp_dir &dir, const std::vector<fw_image> &images)
+{
+    std::string error;
+    std::vector<uint8_t> file = pack_firmware(dir, fw_manifest(dir, images), &error);
+    if (file.empty())
+        throw std::runtime_error("packing failed: " + error);
+    return file;
+}
+
+std::string flag_doc(bool on, int score)
+{
+    char text[128];
+    on ? vireo_extra_para_format_flag_on(score, text, sizeof(text))
+       : vireo_extra_para_format_flag_off(score, text, sizeof(text));
+    return text;
+}
+
+std::string padded(const std::string &content, size_t size)
+{
+    std::string s = content;
+    s.resize(std::max(size, s.size()), '\xff');
+    return s;
 }

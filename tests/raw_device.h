@@ -18,8 +18,21 @@ struct raw_ptn {
 // The devinfo document of a device; flash_version is left out when empty.
 std::string devinfo_json(const std::string &model, const std::string &version,
                          const std::string &special_id, const std::string &flash_version = "");
+// A support-list entry.
+std::string entry_json(const std::string &model, const std::string &version,
+                       const std::string &special_id, const std::string &flash_version = "");
+// A firmware-info document of this software version.
+std::string fwinfo_json(const std::string &version);
 // A partition-table document listing the partitions.
 std::string table_json(const std::vector<raw_ptn> &ptns, uint32_t disk_size);
+// The boot-flag record an upgrade writes: flag on (GOOD) or off (BAD) with the score.
+std::string flag_doc(bool on, int score);
+// content padded with 0xFF to size bytes.
+std::string padded(const std::string &content, size_t size);
+
+// The device most tests use, and a support list that fits it alone.
+inline const std::string kDevice = devinfo_json("VR100", "1.0", "55530000");
+inline const std::string kFits = "[" + entry_json("VR100", "1.0", "55530000") + "]";
 
 // /dev/mtd0 is the whole flash; partition i of the list is /dev/mtd<i+1>, holding the same
 // bytes as its stretch of the flash. A "partition-table" partition without content gets
@@ -33,20 +46,17 @@ struct raw_device : fake_root {
     static std::vector<raw_ptn> layout(const std::string &devinfo);
     // Every file below dev/, by name: what a command must leave as it found it.
     std::map<std::string, std::string> devices() const;
-    std::string ptn_bytes(const std::string &name) const;
 };
 
 // One image of a firmware manifest.
 struct fw_image {
     std::string support_list; // the JSON array
     std::string table;        // a partition-table document, or empty for none
-    std::string fwinfo =
-        R"({"software-version": "1.3.0 Build 20261123 Rel.00001", "firmware-id": "ID"})";
-    std::vector<std::pair<std::string, std::string>> parts; // name, content
+    std::string fwinfo = fwinfo_json("1.3.0 Build 20261123 Rel.00001"); // or empty for none
+    std::vector<std::pair<std::string, std::string>> parts;             // name, content
 };
 
 // The manifest of these images; the part contents are written into dir.
 std::string fw_manifest(const temp_dir &dir, const std::vector<fw_image> &images);
-// A support-list entry.
-std::string entry_json(const std::string &model, const std::string &version,
-                       const std::string &special_id, const std::string &flash_version = "");
+// Packs the images into dir/up.bin; returns the bytes (throws when packing fails).
+std::vector<uint8_t> pack_images(const temp_dir &dir, const std::vector<fw_image> &images);

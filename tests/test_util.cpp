@@ -1,5 +1,6 @@
 #include "test_util.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,7 +37,6 @@ std::string capture_stdout(const std::function<void()> &fn)
 {
     return capture_fd(STDOUT_FILENO, fn);
 }
-
 std::string capture_stderr(const std::function<void()> &fn)
 {
     return capture_fd(STDERR_FILENO, fn);
@@ -46,23 +46,24 @@ std::vector<std::string> trace_messages(const std::string &out)
 {
     std::vector<std::string> messages;
     std::istringstream in(out);
-    std::string line;
-    while (std::getline(in, line)) {
+    for (std::string line; std::getline(in, line);) {
         const size_t tag = line.find(": [TRACE]");
-        const size_t bar = line.find("() | ", tag == std::string::npos ? 0 : tag);
-        if (tag == std::string::npos || bar == std::string::npos)
-            continue;
-        messages.push_back(line.substr(bar + 5));
+        const size_t bar = tag == std::string::npos ? tag : line.find("() | ", tag);
+        if (bar != std::string::npos)
+            messages.push_back(line.substr(bar + 5));
     }
     return messages;
 }
 
+size_t count_trace(const std::string &out, const std::string &msg)
+{
+    const std::vector<std::string> all = trace_messages(out);
+    return static_cast<size_t>(std::count(all.begin(), all.end(), msg));
+}
+
 bool has_trace(const std::string &out, const std::string &msg)
 {
-    for (const std::string &m : trace_messages(out))
-        if (m == msg)
-            return true;
-    return false;
+    return count_trace(out, msg) > 0;
 }
 
 temp_dir::temp_dir()
@@ -111,26 +112,34 @@ void write_file(const std::string &path, const std::string &content)
         throw std::runtime_error("cannot write " + path);
 }
 
+std::string pattern(size_t n, int seed)
+{
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; i++)
+        s[i] = static_cast<char>((i * 31 + static_cast<size_t>(seed)) >> 3);
+    return s;
+}
+
+uint32_t be32(const uint8_t *p)
+{
+    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
+
 run_result run_program(const std::string &program, const std::vector<std::string> &args,
                        const std::vector<std::string> &env)
 {
     temp_dir dir;
-    const std::string out_path = dir.join("out");
-    const std::string err_path = dir.join("err");
+    const std::string out_path = dir.join("out"), err_path = dir.join("err");
     fflush(stdout);
     fflush(stderr);
     const pid_t pid = fork();
     if (pid == 0) {
-        const int in = open("/dev/null", O_RDONLY);
-        const int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(err, 2);
+        dup2(open("/dev/null", O_RDONLY), 0);
+        dup2(open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+        dup2(open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
         for (const std::string &e : env)
             putenv(const_cast<char *>(e.c_str()));
-        std::vector<char *> argv;
-        argv.push_back(const_cast<char *>(program.c_str()));
+        std::vector<char *> argv = {const_cast<char *>(program.c_str())};
         for (const std::string &a : args)
             argv.push_back(const_cast<char *>(a.c_str()));
         argv.push_back(nullptr);
@@ -139,9 +148,6 @@ run_result run_program(const std::string &program, const std::vector<std::string
     }
     int wstatus = 0;
     waitpid(pid, &wstatus, 0);
-    run_result r;
-    r.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-    r.out = read_file(out_path);
-    r.err = read_file(err_path);
-    return r;
+    return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, read_file(out_path),
+            read_file(err_path)};
 }

@@ -1,18 +1,20 @@
 // Helpers shared by the tests: output capture, trace parsing, temporary trees, tool runs.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
-// Runs fn with standard output (and optionally standard error) sent to a file; returns it.
+// Runs fn with standard output (or standard error) sent to a file; returns what it wrote.
 std::string capture_stdout(const std::function<void()> &fn);
 std::string capture_stderr(const std::function<void()> &fn);
 
-// The message parts (text after "| ") of the trace lines in out, in order, each
-// without its line ending. Lines that are not trace lines are skipped.
+// The message parts (text after "| ") of the trace lines in out, in order, each without
+// its line ending. Lines that are not trace lines are skipped.
 std::vector<std::string> trace_messages(const std::string &out);
-// Whether some trace message equals msg exactly.
+// How many trace messages equal msg exactly; whether one does.
+size_t count_trace(const std::string &out, const std::string &msg);
 bool has_trace(const std::string &out, const std::string &msg);
 
 // A fresh directory removed with its content at destruction.
@@ -29,6 +31,9 @@ struct temp_dir {
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content);
+// n bytes that differ from seed to seed and repeat rarely.
+std::string pattern(size_t n, int seed);
+uint32_t be32(const uint8_t *p);
 
 struct run_result {
     int status; // exit status 0..255, or -1 when killed by a signal

@@ -5,59 +5,22 @@
 #include "test_util.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 #include <unistd.h>
 
 namespace
 {
+
 const std::string kKeyDir = VIREO_KEY_DIR;
-}
 
-TEST(KeyText, ConvertsPemToTheCommittedKeyText)
-{
-    for (const char *pem : {"vireo_test_key.pub.pem", "vireo_test_key_DO_NOT_SHIP.pem"}) {
-        run_result r = run_program(VIREO_KEY_TEXT_TOOL, {kKeyDir + "/" + pem});
-        EXPECT_EQ(0, r.status) << r.err;
-        EXPECT_EQ(read_file(kKeyDir + "/vireo_test_key.txt"), r.out) << pem;
-    }
-}
-
-TEST(KeyText, RefusesWhatIsNotA1024BitRsaKey)
-{
-    temp_dir dir;
-    const std::string junk = dir.write("junk.pem", "not a key\n");
-    run_result r = run_program(VIREO_KEY_TEXT_TOOL, {junk});
-    EXPECT_EQ(1, r.status);
-    EXPECT_NE(std::string::npos, r.err.find("cannot read an RSA key")) << r.err;
-    EXPECT_EQ("", r.out);
-
-    const std::string key2048 = dir.join("k2048.pem");
-    ASSERT_EQ(0, system(("openssl genrsa -out " + key2048 + " 2048 2>/dev/null").c_str()));
-    r = run_program(VIREO_KEY_TEXT_TOOL, {key2048});
-    EXPECT_EQ(1, r.status);
-    EXPECT_NE(std::string::npos, r.err.find("2048 bits")) << r.err;
-
-    r = run_program(VIREO_KEY_TEXT_TOOL, {});
-    EXPECT_EQ(2, r.status);
-    EXPECT_NE(std::string::npos, r.err.find("Usage:"));
-}
-
-namespace
-{
-
+// The "name '...' base 0x..." lines of a table dump, from the name on.
 std::vector<std::string> entry_lines(const std::string &text)
 {
     std::vector<std::string> lines;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t nl = text.find('\n', pos);
-        if (nl == std::string::npos)
-            nl = text.size();
-        std::string line = text.substr(pos, nl - pos);
-        const size_t start = line.find("name '");
-        if (start != std::string::npos && line.find(" base 0x") != std::string::npos)
-            lines.push_back(line.substr(start));
-        pos = nl + 1;
-    }
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (line.find("name '") != std::string::npos && line.find(" base 0x") != std::string::npos)
+            lines.push_back(line.substr(line.find("name '")));
     return lines;
 }
 
@@ -68,36 +31,45 @@ run_result pack(const std::vector<std::string> &args)
 
 } // namespace
 
+TEST(KeyText, ConvertsA1024BitRsaKeyAndRefusesAnythingElse)
+{
+    temp_dir dir;
+    const std::string key2048 = dir.join("k2048.pem"),
+                      text = read_file(kKeyDir + "/vireo_test_key.txt");
+    ASSERT_EQ(0, system(("openssl genrsa -out " + key2048 + " 2048 2>/dev/null").c_str()));
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::string out, err; // all of the output, part of the errors
+    } cases[] = {
+        {{kKeyDir + "/vireo_test_key.pub.pem"}, 0, text, ""},
+        {{kKeyDir + "/vireo_test_key_DO_NOT_SHIP.pem"}, 0, text, ""},
+        {{dir.write("junk.pem", "not a key\n")}, 1, "", "cannot read an RSA key"},
+        {{key2048}, 1, "", "2048 bits"},
+        {{}, 2, "", "Usage:"},
+    };
+    for (const auto &c : cases) {
+        run_result r = run_program(VIREO_KEY_TEXT_TOOL, c.args);
+        EXPECT_EQ(c.status, r.status) << r.err;
+        EXPECT_EQ(c.out, r.out);
+        EXPECT_NE(std::string::npos, r.err.find(c.err)) << r.err;
+    }
+}
+
 TEST(Pack, InspectReadsWhatTheDeviceParsersRead)
 {
     temp_dir dir;
     std::vector<uint8_t> file = pack_firmware(dir, two_image_manifest(dir));
-    ASSERT_FALSE(file.empty());
     run_result r = pack({"inspect", dir.join("up.bin")});
     EXPECT_EQ(0, r.status) << r.out << r.err;
     EXPECT_NE(std::string::npos, r.out.find("well formed and signed"));
-
     // The device's parsers, image by image along the chain.
     std::string device_dump;
-    int32_t offset = 0;
-    const int32_t size = static_cast<int32_t>(file.size());
-    int images = 0;
     capture_stdout([&] {
-        for (;;) {
-            firmware_header header;
-            ASSERT_EQ(0,
-                      vireo_firmware_header_parse(file.data() + offset, size - offset, &header, 0));
-            up_ptn_table *t = vireo_firmware_up_ptn_table_build_by_fimware(file.data() + offset,
-                                                                           size - offset, &header);
-            ASSERT_TRUE(t);
-            device_dump += capture_stdout([&] { vireo_firmware_up_ptn_table_dump(t); });
-            vireo_firmware_up_ptn_table_destroy(t);
-            images++;
-            if (vireo_firmware_chain_next(offset, &header, size, &offset) != 1)
-                break;
-        }
+        EXPECT_EQ(2, walk_images(file, 0, [&](int32_t, const firmware_header &, up_ptn_table *t) {
+                      device_dump += capture_stdout([&] { vireo_firmware_up_ptn_table_dump(t); });
+                  }));
     });
-    EXPECT_EQ(2, images);
     EXPECT_EQ(8u, entry_lines(device_dump).size());
     EXPECT_EQ(entry_lines(device_dump), entry_lines(r.out));
 }
@@ -112,13 +84,11 @@ TEST(Pack, InspectReportsDamageAndWrongKey)
     EXPECT_EQ(1, r.status);
     EXPECT_NE(std::string::npos, r.out.find("problem: md5_digest does not match")) << r.out;
     EXPECT_NE(std::string::npos, r.out.find("signature: INVALID"));
-
     const std::string other = dir.join("other.pem");
     ASSERT_EQ(0, system(("openssl genrsa -out " + other + " 1024 2>/dev/null").c_str()));
     r = pack({"inspect", dir.join("up.bin"), "--key", other});
     EXPECT_EQ(1, r.status);
     EXPECT_NE(std::string::npos, r.out.find("problem: the signature does not verify"));
-
     r = pack({"inspect", dir.write("short.bin", "tiny")});
     EXPECT_EQ(1, r.status);
     EXPECT_NE(std::string::npos, r.out.find("an image needs at least 69696"));

@@ -3,35 +3,17 @@
 // names here, as the lookups fall back to them when no UBI volume has the name.
 #include "ubi/vireo_ubi_flags.h"
 
-#include "ptn/vireo_extra_para.h"
-
-#include "fake_root.h"
+#include "raw_device.h"
 
 #include <gtest/gtest.h>
 
 namespace
 {
 
-std::string doc(bool on, int score)
-{
-    char text[128];
-    on ? vireo_extra_para_format_flag_on(score, text, sizeof(text))
-       : vireo_extra_para_format_flag_off(score, text, sizeof(text));
-    return text;
-}
-
 // A volume holding a record with the given score, or erased (no record) when none.
 std::string volume(const int *score)
 {
-    return score ? with_content_header(doc(true, *score) + '\0') : std::string();
-}
-
-// The record a volume holds: the text its header accounts for, NUL included.
-std::string record(const std::string &bytes)
-{
-    const uint32_t len = (uint8_t(bytes[8]) << 24) | (uint8_t(bytes[9]) << 16) |
-                         (uint8_t(bytes[10]) << 8) | uint8_t(bytes[11]);
-    return len < 256 ? bytes.substr(16, len) : "";
+    return score ? with_content_header(flag_doc(true, *score) + '\0') : std::string();
 }
 
 } // namespace
@@ -65,13 +47,14 @@ TEST(Flags, TheLowerScoreIsSwitchedOffThenOnAboveBoth)
 
         capture_stdout([&] { EXPECT_EQ(0, vireo_firmware_pre_update(0)); });
         const std::string off = read_file(target);
-        EXPECT_EQ(doc(false, c.off_score) + '\0', record(off)) << c.what << ": n + 1 with the NUL";
+        EXPECT_EQ(flag_doc(false, c.off_score) + '\0', content_of(off))
+            << c.what << ": n + 1 with the NUL";
         const std::string out =
             capture_stdout([&] { EXPECT_EQ(0, vireo_firmware_post_update(0)); });
-        EXPECT_EQ(doc(true, c.on_score) + '\0', record(read_file(target))) << c.what;
+        EXPECT_EQ(flag_doc(true, c.on_score) + '\0', content_of(read_file(target))) << c.what;
         EXPECT_EQ(untouched, read_file(other)) << c.what;
         EXPECT_EQ(0x1000u, read_file(target).size()) << c.what;
-        const size_t behind = 17 + doc(true, c.on_score).size();
+        const size_t behind = 17 + flag_doc(true, c.on_score).size();
         if (!(c.target_primary ? c.primary : c.backup)) {
             EXPECT_EQ(std::string(0x1000 - behind, '\xff'), read_file(target).substr(behind))
                 << c.what << ": behind a fresh record the volume stays erased";
@@ -88,7 +71,7 @@ TEST(Flags, MissingVolumes)
     root.mtd(0, "extra-para", 0x1000, volume(nullptr));
     std::string out = capture_stdout([] { EXPECT_EQ(0, vireo_firmware_post_update(0)); });
     EXPECT_TRUE(has_trace(out, "PTN[extra-para.b] volume path:")) << out;
-    EXPECT_FALSE(has_trace(out, "new on extra:" + doc(true, 1)));
+    EXPECT_FALSE(has_trace(out, "new on extra:" + flag_doc(true, 1)));
     // Pre-update targets the missing backup: nothing written.
     capture_stdout([] { EXPECT_EQ(0, vireo_firmware_pre_update(0)); });
     EXPECT_EQ(std::string(0x1000, '\xff'), root.bytes("/dev/mtd0"));

@@ -65,18 +65,18 @@ TEST(UpPtnTable, ReadsEntriesBasesAndTotal)
 TEST(UpPtnTable, RefusesBadDocuments)
 {
     const std::string n31(31, 'n'), n32(32, 'n');
+    const auto one = [](const std::string &name) {
+        return "{\"up-ptn-table\":[{\"name\":\"" + name + "\",\"base\":\"0\",\"size\":\"1\"}]}";
+    };
     std::string out;
-    EXPECT_TRUE(build("{\"up-ptn-table\":[]}", &out));
-    EXPECT_TRUE(build(
-        "{\"up-ptn-table\":[{\"name\":\"" + n31 + "\",\"base\":\"0\",\"size\":\"1\"}]}", &out));
-    EXPECT_TRUE(build(entries(64), &out));
+    for (const std::string &json : {std::string("{\"up-ptn-table\":[]}"), one(n31), entries(64)})
+        EXPECT_TRUE(build(json, &out)) << json;
     const struct {
         std::string json;
         std::string message;
     } cases[] = {
         {"{}", "json 'up-ptn-table' not found."},
-        {"{\"up-ptn-table\":[{\"name\":\"" + n32 + "\",\"base\":\"0\",\"size\":\"1\"}]}",
-         "ptn json 'name' string len too long, '" + n32 + "', 32/32"},
+        {one(n32), "ptn json 'name' string len too long, '" + n32 + "', 32/32"},
         {R"({"up-ptn-table":[{"name":"a","base":65536,"size":"1"}]})",
          "ptn json 'base' must be String type."},
         {R"({"up-ptn-table":[{"name":"a","base":"0"}]})", "ptn json 'size' not found."},
@@ -96,44 +96,37 @@ TEST(UpPtnTable, RefusesBadDocuments)
 TEST(UpPtnTable, BuiltFromImageRegionOnlyWhenItIsSound)
 {
     temp_dir dir;
-    std::vector<uint8_t> file = pack_firmware(dir, two_image_manifest(dir));
-    ASSERT_FALSE(file.empty());
-    firmware_header header{};
-    header.header_len = FIRMWARE_HEADER_SIZE;
-    header.total_len = static_cast<uint32_t>(file.size());
+    std::vector<uint8_t> file = pack_firmware(dir, two_image_manifest(dir)), full = file,
+                         garbage = file;
     const int32_t size = static_cast<int32_t>(file.size());
-    table_ptr t(nullptr, vireo_firmware_up_ptn_table_destroy);
-    std::string out = capture_stdout(
-        [&] { t.reset(vireo_firmware_up_ptn_table_build_by_fimware(file.data(), size, &header)); });
+    const auto from_image = [&](std::vector<uint8_t> &buf, uint32_t header_len, uint32_t total_len,
+                                std::string *out) {
+        firmware_header header{};
+        header.header_len = header_len;
+        header.total_len = total_len;
+        table_ptr t(nullptr, vireo_firmware_up_ptn_table_destroy);
+        *out = capture_stdout([&] {
+            t.reset(vireo_firmware_up_ptn_table_build_by_fimware(buf.data(), size, &header));
+        });
+        return t;
+    };
+    std::string out;
+    table_ptr t = from_image(file, FIRMWARE_HEADER_SIZE, size, &out);
     ASSERT_TRUE(t) << out;
     EXPECT_EQ(5u, t->ptn_cnt);
     EXPECT_STREQ("partition-table", t->ptns[0].name);
-
     // A region reaching past the buffer or the image is refused before it is read.
-    header.header_len = static_cast<uint32_t>(size) - UP_PTN_TABLE_SIZE + 1;
-    out = capture_stdout([&] {
-        EXPECT_FALSE(vireo_firmware_up_ptn_table_build_by_fimware(file.data(), size, &header));
-    });
-    EXPECT_EQ(1u, trace_messages(out).size());
-    header.header_len = FIRMWARE_HEADER_SIZE;
-    header.total_len = FIRMWARE_HEADER_SIZE + UP_PTN_TABLE_SIZE - 1;
-    out = capture_stdout([&] {
-        EXPECT_FALSE(vireo_firmware_up_ptn_table_build_by_fimware(file.data(), size, &header));
-    });
-    header.total_len = static_cast<uint32_t>(file.size());
-
-    // A region without a NUL byte is no text.
-    std::vector<uint8_t> full = file;
-    memset(full.data() + FIRMWARE_HEADER_SIZE, '{', UP_PTN_TABLE_SIZE);
-    out = capture_stdout([&] {
-        EXPECT_FALSE(vireo_firmware_up_ptn_table_build_by_fimware(full.data(), size, &header));
-    });
+    EXPECT_FALSE(from_image(file, size - UP_PTN_TABLE_SIZE + 1, size, &out));
     EXPECT_EQ(1u, trace_messages(out).size()) << out;
-    std::vector<uint8_t> garbage = file;
+    EXPECT_FALSE(
+        from_image(file, FIRMWARE_HEADER_SIZE, FIRMWARE_HEADER_SIZE + UP_PTN_TABLE_SIZE - 1, &out));
+    EXPECT_EQ(1u, trace_messages(out).size()) << out;
+    // A region without a NUL byte is no text; text that is not JSON is no table.
+    memset(full.data() + FIRMWARE_HEADER_SIZE, '{', UP_PTN_TABLE_SIZE);
+    EXPECT_FALSE(from_image(full, FIRMWARE_HEADER_SIZE, size, &out));
+    EXPECT_EQ(1u, trace_messages(out).size()) << out;
     garbage[FIRMWARE_HEADER_SIZE] = 'x';
-    out = capture_stdout([&] {
-        EXPECT_FALSE(vireo_firmware_up_ptn_table_build_by_fimware(garbage.data(), size, &header));
-    });
+    EXPECT_FALSE(from_image(garbage, FIRMWARE_HEADER_SIZE, size, &out));
     EXPECT_TRUE(has_trace(out, "Failed to parse up_ptn_table json."));
 }
 
@@ -142,31 +135,23 @@ TEST(UpPtnTable, ContentExtentsStayInsideTheFile)
     temp_dir dir;
     std::vector<uint8_t> file = pack_firmware(dir, two_image_manifest(dir));
     const uint32_t size = static_cast<uint32_t>(file.size());
-    const uint32_t second = (uint32_t(file[28]) << 24) | (uint32_t(file[29]) << 16) |
-                            (uint32_t(file[30]) << 8) | file[31];
-    firmware_header header{};
-    header.header_len = FIRMWARE_HEADER_SIZE;
-    header.total_len = size - second;
-    table_ptr t(nullptr, vireo_firmware_up_ptn_table_destroy);
-    capture_stdout([&] {
-        t.reset(vireo_firmware_up_ptn_table_build_by_fimware(
-            file.data() + second, static_cast<int32_t>(size - second), &header));
-    });
-    ASSERT_TRUE(t);
+    const uint32_t payload = be32(file.data() + 28) + FIRMWARE_HEADER_SIZE + UP_PTN_TABLE_SIZE;
     // The second image's kernel points back at the first image's copy.
-    ASSERT_STREQ("kernel", t->ptns[1].name);
-    EXPECT_LT(t->ptns[1].base, 0);
-    const uint32_t payload = second + FIRMWARE_HEADER_SIZE + UP_PTN_TABLE_SIZE;
-    const uint8_t *kernel = vireo_firmware_ptn_content(file.data(), size, payload, &t->ptns[1]);
-    ASSERT_TRUE(kernel);
     const std::string want = read_file(dir.join("kernel.bin"));
-    EXPECT_EQ(0, memcmp(want.data(), kernel, want.size()));
+    std::string kernel;
+    capture_stdout([&] {
+        walk_images(file, 0, [&](int32_t offset, const firmware_header &, up_ptn_table *t) {
+            if (offset > 0 && t && std::string("kernel") == t->ptns[1].name && t->ptns[1].base < 0)
+                if (const uint8_t *c =
+                        vireo_firmware_ptn_content(file.data(), size, payload, &t->ptns[1]))
+                    kernel.assign(reinterpret_cast<const char *>(c), want.size());
+        });
+    });
+    EXPECT_EQ(want, kernel);
 
     // Before the start of the file (a negative base in the first image) or past its end.
     up_ptn_info before{"x", -FIRMWARE_MIN_SIZE - 1, 10};
-    up_ptn_info past{"y", 0, 0};
-    past.base = static_cast<int32_t>(size - payload);
-    past.size = 1;
+    up_ptn_info past{"y", static_cast<int32_t>(size - payload), 1};
     std::string out = capture_stdout([&] {
         EXPECT_FALSE(vireo_firmware_ptn_content(file.data(), size, FIRMWARE_MIN_SIZE, &before));
         EXPECT_FALSE(vireo_firmware_ptn_content(file.data(), size, payload, &past));
