@@ -3,18 +3,9 @@
 #include "test_util.h"
 
 #include <gtest/gtest.h>
-#include <vector>
 
 namespace
 {
-
-std::string pattern(size_t n)
-{
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; i++)
-        s[i] = static_cast<char>('a' + i % 23);
-    return s;
-}
 
 const uint8_t *bytes(const std::string &s)
 {
@@ -23,51 +14,37 @@ const uint8_t *bytes(const std::string &s)
 
 } // namespace
 
-TEST(FileIo, SizeAndWholeRead)
+TEST(FileIo, SizeWholeReadAndReadByOffset)
 {
     temp_dir dir;
-    const std::string path = dir.write("f", pattern(100));
+    const std::string content = pattern(100, 1), path = dir.write("f", content);
     EXPECT_EQ(100, vireo_file_get_size(path.c_str()));
     EXPECT_EQ(-1, vireo_file_get_size(dir.join("missing").c_str()));
     std::vector<uint8_t> buf(300, 0);
     uint32_t got = 0;
     EXPECT_EQ(0, vireo_file_read(path.c_str(), buf.data(), 300, &got));
-    EXPECT_EQ(100u, got);
-    EXPECT_EQ(pattern(100), std::string(buf.begin(), buf.begin() + 100));
+    EXPECT_EQ(content, std::string(buf.begin(), buf.begin() + got));
     EXPECT_EQ(-1, vireo_file_read(path.c_str(), buf.data(), 0, &got));
     EXPECT_EQ(-1, vireo_file_read("", buf.data(), 10, &got));
-}
 
-TEST(FileIo, ReadByOffsetStopsAtTheEnd)
-{
-    temp_dir dir;
-    const std::string path = dir.write("f", pattern(100));
-    std::vector<uint8_t> buf(10, 0);
-    uint32_t got = 0;
-    std::string out = capture_stdout(
-        [&] { EXPECT_EQ(-1, vireo_file_read_by_offset(path.c_str(), 100, buf.data(), 10, &got)); });
-    EXPECT_TRUE(has_trace(out, "[" + path + "]offset[100] > file_size[100]!"));
-    out = capture_stdout(
-        [&] { EXPECT_EQ(-1, vireo_file_read_by_offset(path.c_str(), -1, buf.data(), 10, &got)); });
-    EXPECT_TRUE(has_trace(out, "[" + path + "]offset[-1] > file_size[100]!"));
-
-    EXPECT_EQ(0, vireo_file_read_by_offset(path.c_str(), 99, buf.data(), 10, &got));
-    EXPECT_EQ(1u, got);
-    EXPECT_EQ(static_cast<uint8_t>(pattern(100)[99]), buf[0]);
-
-    out = capture_stdout([&] {
+    std::string out = capture_stdout([&] {
+        EXPECT_EQ(-1, vireo_file_read_by_offset(path.c_str(), 100, buf.data(), 10, &got));
+        EXPECT_EQ(-1, vireo_file_read_by_offset(path.c_str(), -1, buf.data(), 10, &got));
         EXPECT_EQ(-1, vireo_file_read_by_offset(dir.join("none").c_str(), 0, buf.data(), 10, &got));
         EXPECT_EQ(-1, vireo_file_read_by_offset(path.c_str(), 0, buf.data(), 0, &got));
     });
+    EXPECT_TRUE(has_trace(out, "[" + path + "]offset[100] > file_size[100]!"));
+    EXPECT_TRUE(has_trace(out, "[" + path + "]offset[-1] > file_size[100]!"));
     EXPECT_TRUE(has_trace(out, "[" + dir.join("none") + "]failed to open : 2!"));
     EXPECT_TRUE(has_trace(out, "error parameters!"));
+    EXPECT_EQ(0, vireo_file_read_by_offset(path.c_str(), 99, buf.data(), 10, &got));
+    EXPECT_EQ(content.substr(99), std::string(buf.begin(), buf.begin() + got));
 }
 
 TEST(FileIo, InPlaceWriteStaysInsideTheFile)
 {
     temp_dir dir;
-    const std::string original = pattern(64);
-    const std::string path = dir.write("f", original);
+    const std::string original = pattern(64, 2), path = dir.write("f", original);
     const std::string data(64, 'Z');
     uint32_t wrote = 0;
     EXPECT_EQ(-1, vireo_file_write_by_offset(path.c_str(), 0, bytes(data), 65, &wrote));
@@ -77,7 +54,6 @@ TEST(FileIo, InPlaceWriteStaysInsideTheFile)
     EXPECT_EQ(-1, vireo_file_write_by_offset(dir.join("new").c_str(), 0, bytes(data), 1, &wrote));
     EXPECT_EQ(original, read_file(path)) << "refused writes change nothing";
     EXPECT_EQ(0u, wrote);
-
     EXPECT_EQ(0, vireo_file_write_by_offset(path.c_str(), 0, bytes(data), 64, &wrote));
     EXPECT_EQ(64u, wrote);
     EXPECT_EQ(data, read_file(path));
@@ -87,38 +63,33 @@ TEST(FileIo, BlockModePadsOnlyTheLastUnit)
 {
     temp_dir dir;
     const std::string path = dir.write("mtd", std::string(16384, '\0'));
-    const std::string data = pattern(5000);
+    const std::string data = pattern(5000, 3);
     uint32_t wrote = 0;
     std::string out = capture_stdout([&] {
         EXPECT_EQ(0, vireo_file_write_by_offset_block_mode(path.c_str(), 100, bytes(data), 5000,
                                                            2048, &wrote));
     });
     EXPECT_EQ(5000u, wrote);
-    const std::string after = read_file(path);
-    ASSERT_EQ(16384u, after.size());
-    EXPECT_EQ(std::string(100, '\0'), after.substr(0, 100));
-    EXPECT_EQ(data, after.substr(100, 5000));
-    EXPECT_EQ(std::string(1144, '\xff'), after.substr(5100, 1144)) << "padding of the third unit";
-    EXPECT_EQ(std::string(16384 - 6244, '\0'), after.substr(6244));
-    const auto msgs = trace_messages(out);
-    ASSERT_EQ(3u, msgs.size());
-    EXPECT_EQ("open no O_SYNC", msgs[0]);
-    EXPECT_EQ(path + " write 0x00001388(5000) bytes at offset 0x00000064 : start ...", msgs[1]);
-    EXPECT_EQ(path + " write 0x00001388(5000) bytes at offset 0x00000064 : finish.", msgs[2]);
-
-    // Whole units: nothing beyond them is touched.
+    // The third unit is padded with 0xFF; nothing beyond it is touched.
+    EXPECT_EQ(std::string(100, '\0') + data + std::string(1144, '\xff') +
+                  std::string(16384 - 6244, '\0'),
+              read_file(path));
+    EXPECT_EQ((std::vector<std::string>{
+                  "open no O_SYNC",
+                  path + " write 0x00001388(5000) bytes at offset 0x00000064 : start ...",
+                  path + " write 0x00001388(5000) bytes at offset 0x00000064 : finish."}),
+              trace_messages(out));
     const std::string unit(4096, 'U');
     EXPECT_EQ(0, vireo_file_write_by_offset_block_mode(path.c_str(), 8192, bytes(unit), 4096, 2048,
                                                        &wrote));
-    EXPECT_EQ(std::string(4096, '\0'), read_file(path).substr(12288));
+    EXPECT_EQ(std::string(4096, '\0'), read_file(path).substr(12288)) << "whole units: no padding";
 }
 
 TEST(FileIo, BlockModeBoundsAndShortLastUnit)
 {
     temp_dir dir;
-    const std::string original(4096, '\0');
-    const std::string path = dir.write("mtd", original);
-    const std::string data = pattern(5000);
+    const std::string original(4096, '\0'), path = dir.write("mtd", original);
+    const std::string data = pattern(5000, 4);
     uint32_t wrote = 0;
     std::string out = capture_stdout([&] {
         EXPECT_EQ(-1, vireo_file_write_by_offset_block_mode(path.c_str(), 1, bytes(data), 4096,
@@ -132,7 +103,6 @@ TEST(FileIo, BlockModeBoundsAndShortLastUnit)
     EXPECT_TRUE(has_trace(out, "Invlaid offset(4096)."));
     EXPECT_TRUE(has_trace(out, "Invalid param"));
     EXPECT_EQ(original, read_file(path));
-
     // Ends exactly at the end: accepted, but the padded last unit does not fit.
     out = capture_stdout([&] {
         EXPECT_EQ(-1, vireo_file_write_by_offset_block_mode(path.c_str(), 3000, bytes(data), 1096,

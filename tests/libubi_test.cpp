@@ -1,3 +1,5 @@
+// The UBI library on a fake sysfs tree: its interface version, and how it tells UBI
+// device and volume nodes from anything else.
 #include "ubi/vireo_libubi.h"
 
 #include "common/vireo_file.h"
@@ -27,9 +29,18 @@ struct ubi_tree : fake_root {
     // A character device node under the root; false when nodes cannot be made here.
     bool node(const std::string &rel, int major, int minor)
     {
-        write(rel, "");
-        unlink(join(rel).c_str());
+        unlink(write(rel, "").c_str());
         return mknod(join(rel).c_str(), S_IFCHR | 0600, makedev(major, minor)) == 0;
+    }
+    // ubi_probe_node on a node below the root; its standard error lands in *err.
+    int probe(libubi *lib, const std::string &rel, std::string *err = nullptr)
+    {
+        int r = 0;
+        const std::string text =
+            capture_stderr([&] { r = ubi_probe_node(lib, join(rel).c_str()); });
+        if (err)
+            *err = text;
+        return r;
     }
 };
 
@@ -42,41 +53,33 @@ lib_ptr open_lib(std::string *err)
 
 } // namespace
 
-TEST(LibUbi, MissingClassDirectoryMeansNoUbiSilently)
+TEST(LibUbi, OpensOnlyOnInterfaceVersionOne)
 {
-    fake_root root;
-    std::string err;
-    errno = EINVAL;
-    lib_ptr lib = open_lib(&err);
-    EXPECT_FALSE(lib);
-    EXPECT_EQ(0, errno);
-    EXPECT_EQ("", err);
-}
-
-TEST(LibUbi, AcceptsOnlyInterfaceVersionOne)
-{
+    {
+        fake_root no_class;
+        std::string err;
+        errno = EINVAL;
+        EXPECT_FALSE(open_lib(&err));
+        EXPECT_EQ(0, errno) << "no UBI at all is no error";
+        EXPECT_EQ("", err);
+    }
     ubi_tree root;
-    std::string err;
-    EXPECT_TRUE(open_lib(&err));
-    EXPECT_EQ("", err);
-
-    root.write("sys/class/ubi/version", "2\n");
-    EXPECT_FALSE(open_lib(&err));
-    EXPECT_EQ("libubi: error!: this library was made for UBI version 1, but UBI version 2 is "
-              "detected\n\n",
-              err);
-
-    root.write("sys/class/ubi/version", std::string(50, '1'));
-    EXPECT_FALSE(open_lib(&err));
-    EXPECT_EQ("libubi: error!: contents of \"" + root.at("/sys/class/ubi/version") +
-                  "\" is too long\n",
-              err);
-
-    root.write("sys/class/ubi/version", "x\n");
-    EXPECT_FALSE(open_lib(&err));
-    EXPECT_EQ("libubi: error!: cannot read integer from \"" + root.at("/sys/class/ubi/version") +
-                  "\"\n\n",
-              err);
+    const std::string version = root.at("/sys/class/ubi/version");
+    const struct {
+        std::string text, err;
+    } cases[] = {
+        {"1\n", ""},
+        {"2\n", "libubi: error!: this library was made for UBI version 1, but UBI version 2 is "
+                "detected\n\n"},
+        {std::string(50, '1'), "libubi: error!: contents of \"" + version + "\" is too long\n"},
+        {"x\n", "libubi: error!: cannot read integer from \"" + version + "\"\n\n"},
+    };
+    for (const auto &c : cases) {
+        root.write("sys/class/ubi/version", c.text);
+        std::string err;
+        EXPECT_EQ(c.err.empty(), static_cast<bool>(open_lib(&err))) << c.text;
+        EXPECT_EQ(c.err, err);
+    }
 }
 
 TEST(LibUbi, ProbeRejectsRegularAndMissingNodes)
@@ -85,16 +88,14 @@ TEST(LibUbi, ProbeRejectsRegularAndMissingNodes)
     std::string err;
     lib_ptr lib = open_lib(&err);
     ASSERT_TRUE(lib);
-    const std::string file = root.write("dev/file", "x");
+    root.write("dev/file", "x");
     errno = 0;
-    err = capture_stderr([&] { EXPECT_EQ(-1, ubi_probe_node(lib.get(), file.c_str())); });
+    EXPECT_EQ(-1, root.probe(lib.get(), "dev/file", &err));
     EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ("libubi: error!: \"" + file + "\" is not a character device\n", err);
-
-    const std::string missing = root.join("dev/none");
-    err = capture_stderr([&] { EXPECT_EQ(-1, ubi_probe_node(lib.get(), missing.c_str())); });
+    EXPECT_EQ("libubi: error!: \"" + root.join("dev/file") + "\" is not a character device\n", err);
+    EXPECT_EQ(-1, root.probe(lib.get(), "dev/none", &err));
     EXPECT_EQ(ENOENT, errno);
-    EXPECT_EQ("libubi: error!: cannot get information about \"" + missing +
+    EXPECT_EQ("libubi: error!: cannot get information about \"" + root.join("dev/none") +
                   "\"\n        error 2 (No such file or directory)\n",
               err);
 }
@@ -103,7 +104,8 @@ TEST(LibUbi, ProbeClassifiesDeviceAndVolumeNodes)
 {
     ubi_tree root;
     if (!root.node("dev/ubi0", 250, 0) || !root.node("dev/ubi0_3", 250, 4) ||
-        !root.node("dev/ubi2_0", 251, 1) || !root.node("dev/mtdblock0", 31, 0))
+        !root.node("dev/ubi2_0", 251, 1) || !root.node("dev/mtdblock0", 31, 0) ||
+        !root.node("dev/ubi5", 252, 0))
         GTEST_SKIP() << "cannot make device nodes here";
     root.device(0, "250:0\n");
     root.device(2, "251:0\n"); // ubi1 is absent: the scan skips it
@@ -112,20 +114,17 @@ TEST(LibUbi, ProbeClassifiesDeviceAndVolumeNodes)
     lib_ptr lib = open_lib(&err);
     ASSERT_TRUE(lib);
 
-    EXPECT_EQ(1, ubi_probe_node(lib.get(), root.join("dev/ubi0").c_str()));
-    EXPECT_EQ(2, ubi_probe_node(lib.get(), root.join("dev/ubi2_0").c_str()));
-    err = capture_stderr(
-        [&] { EXPECT_EQ(-1, ubi_probe_node(lib.get(), root.join("dev/ubi0_3").c_str())); });
+    EXPECT_EQ(1, root.probe(lib.get(), "dev/ubi0"));
+    EXPECT_EQ(2, root.probe(lib.get(), "dev/ubi2_0"));
+    EXPECT_EQ(-1, root.probe(lib.get(), "dev/ubi0_3", &err));
     EXPECT_EQ(ENODEV, errno) << "volume 3 has no directory";
     EXPECT_EQ("libubi: error!: \"" + root.join("dev/ubi0_3") +
                   "\" has major:minor 250:4, but this does not correspond to any existing UBI "
                   "device or volume\n",
               err);
     root.write("sys/class/ubi/ubi0_3/name", "data\n");
-    EXPECT_EQ(2, ubi_probe_node(lib.get(), root.join("dev/ubi0_3").c_str()));
-
-    err = capture_stderr(
-        [&] { EXPECT_EQ(-1, ubi_probe_node(lib.get(), root.join("dev/mtdblock0").c_str())); });
+    EXPECT_EQ(2, root.probe(lib.get(), "dev/ubi0_3"));
+    EXPECT_EQ(-1, root.probe(lib.get(), "dev/mtdblock0"));
     EXPECT_EQ(ENODEV, errno);
 
     ubi_info info;
@@ -135,21 +134,11 @@ TEST(LibUbi, ProbeClassifiesDeviceAndVolumeNodes)
     EXPECT_EQ(2, info.highest_dev_num);
     EXPECT_EQ(1, info.version);
     EXPECT_EQ(-1, info.ctrl_major) << "a missing control device reads as -1";
-}
 
-TEST(LibUbi, MalformedDevFileIsReported)
-{
-    ubi_tree root;
-    if (!root.node("dev/ubi0", 250, 0))
-        GTEST_SKIP() << "cannot make device nodes here";
-    root.device(0, "250\n");
-    std::string err;
-    lib_ptr lib = open_lib(&err);
-    ASSERT_TRUE(lib);
-    err = capture_stderr(
-        [&] { EXPECT_EQ(-1, ubi_probe_node(lib.get(), root.join("dev/ubi0").c_str())); });
+    root.device(5, "252\n");
+    EXPECT_EQ(-1, root.probe(lib.get(), "dev/ubi5", &err));
     EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ("libubi: error!: \"" + root.at("/sys/class/ubi/ubi0/dev") +
+    EXPECT_EQ("libubi: error!: \"" + root.at("/sys/class/ubi/ubi5/dev") +
                   "\" does not have major:minor format\n",
               err);
 }
@@ -165,26 +154,23 @@ TEST(UbiWrite, RefusesDeviceNodesAndReportsEachStep)
     root.write("sys/class/ubi/ubi1_2/name", "vol\n");
     const uint8_t data[4] = {1, 2, 3, 4};
     uint32_t written = 0;
-
-    std::string out = capture_stdout(
-        [&] { EXPECT_EQ(-1, vireo_ubi_write(root.join("dev/ubi0").c_str(), data, 4, &written)); });
-    EXPECT_TRUE(has_trace(out, "\"" + root.join("dev/ubi0") +
-                                   "\" is an UBI device node, not an UBI volume node"));
-
-    out = capture_stdout([&] { EXPECT_EQ(-1, vireo_ubi_write("/dev/null", data, 4, &written)); });
-    EXPECT_TRUE(has_trace(out, "cannot start volume \"/dev/null\" update")) << out;
+    const auto write = [&](const std::string &path) {
+        std::string out;
+        capture_stderr([&] {
+            out = capture_stdout(
+                [&] { EXPECT_EQ(-1, vireo_ubi_write(path.c_str(), data, 4, &written)); });
+        });
+        return out;
+    };
+    EXPECT_TRUE(has_trace(write(root.join("dev/ubi0")),
+                          "\"" + root.join("dev/ubi0") +
+                              "\" is an UBI device node, not an UBI volume node"));
+    EXPECT_TRUE(has_trace(write("/dev/null"), "cannot start volume \"/dev/null\" update"));
     EXPECT_EQ(0u, written);
-
     const std::string file = root.write("dev/plain", "x");
-    out = capture_stdout([&] {
-        capture_stderr([&] { EXPECT_EQ(-1, vireo_ubi_write(file.c_str(), data, 4, &written)); });
-    });
-    EXPECT_TRUE(has_trace(out, "error while probing \"" + file + "\""));
-
+    EXPECT_TRUE(has_trace(write(file), "error while probing \"" + file + "\""));
     root.write("sys/class/ubi/version", "2\n");
-    out = capture_stdout([&] {
-        capture_stderr([&] { EXPECT_EQ(-1, vireo_ubi_write("/dev/null", data, 4, &written)); });
-    });
+    const std::string out = write("/dev/null");
     EXPECT_TRUE(has_trace(out, "cannot open libubi"));
     EXPECT_FALSE(has_trace(out, "UBI is not present in the system"));
 }

@@ -1,102 +1,87 @@
 #include "ptn/vireo_ptn_header.h"
 
-#include "test_util.h"
+#include "fake_root.h"
 
 #include <gtest/gtest.h>
-#include <vector>
 
 namespace
 {
 
-std::vector<uint8_t> header_bytes(uint32_t length, uint32_t checksum = 0)
+struct header_run {
+    int32_t verify, content, offset = -1, length = -1;
+    std::string out;
+};
+
+// Both readers of the header on the first size bytes of buf.
+header_run read_header(const std::string &buf, int32_t size)
 {
-    std::vector<uint8_t> b = {0xAA, 0x55, 0xD9, 0x8F, 0x04, 0xE9, 0x55, 0xAA};
-    for (uint32_t w : {length, checksum})
-        for (int s = 24; s >= 0; s -= 8)
-            b.push_back(static_cast<uint8_t>(w >> s));
-    return b;
+    header_run r{};
+    const uint8_t *p = reinterpret_cast<const uint8_t *>(buf.data());
+    r.out = capture_stdout([&] {
+        r.verify = vireo_ptn_header_verify(p, size);
+        r.content = vireo_ptn_header_get_content_pos(p, size, &r.offset, &r.length);
+    });
+    return r;
 }
 
 } // namespace
 
 TEST(PtnHeader, ContentOfFiveBytesNeedsTwentyOneByteBuffer)
 {
-    std::vector<uint8_t> buf = header_bytes(5);
-    buf.resize(21, 'x');
-    int32_t offset = -1, length = -1;
-    std::string out = capture_stdout([&] {
-        EXPECT_EQ(1, vireo_ptn_header_verify(buf.data(), 21));
-        EXPECT_EQ(1, vireo_ptn_header_get_content_pos(buf.data(), 21, &offset, &length));
-    });
-    EXPECT_EQ(16, offset);
-    EXPECT_EQ(5, length);
-    EXPECT_NE(std::string::npos, out.find("magic_0     0xaa55d98f\n"
-                                          "magic_1     0x04e955aa\n"
-                                          "length      0x00000005 (5)\n"
-                                          "checksum    0x00000000\n"));
-
-    out = capture_stdout([&] {
-        EXPECT_EQ(0, vireo_ptn_header_verify(buf.data(), 20));
-        EXPECT_EQ(0, vireo_ptn_header_get_content_pos(buf.data(), 20, &offset, &length));
-    });
-    const auto msgs = trace_messages(out);
-    ASSERT_EQ(2u, msgs.size());
-    EXPECT_EQ("content[5]+header[16] > bufsize[20]", msgs[0]);
-    EXPECT_EQ(msgs[0], msgs[1]);
+    const std::string buf = content_header(5) + "xxxxx";
+    header_run r = read_header(buf, 21);
+    EXPECT_EQ(1, r.verify);
+    EXPECT_EQ(1, r.content);
+    EXPECT_EQ(16, r.offset);
+    EXPECT_EQ(5, r.length);
+    EXPECT_NE(std::string::npos, r.out.find("magic_0     0xaa55d98f\n"
+                                            "magic_1     0x04e955aa\n"
+                                            "length      0x00000005 (5)\n"
+                                            "checksum    0x00000000\n"));
+    r = read_header(buf, 20);
+    EXPECT_EQ(0, r.verify + r.content);
+    EXPECT_EQ(std::vector<std::string>(2, "content[5]+header[16] > bufsize[20]"),
+              trace_messages(r.out));
 }
 
-TEST(PtnHeader, NonZeroChecksumIsReportedButAccepted)
+TEST(PtnHeader, RefusedHeaders)
 {
-    std::vector<uint8_t> buf = header_bytes(0, 1);
-    std::string out =
-        capture_stdout([&] { EXPECT_EQ(1, vireo_ptn_header_verify(buf.data(), 16)); });
-    EXPECT_TRUE(has_trace(out, "Invalid checksum(0x00000001), skip it for NOW."));
-}
-
-TEST(PtnHeader, RejectsShortBufferBeforeAnyDump)
-{
-    std::vector<uint8_t> buf = header_bytes(0);
-    int32_t offset, length;
-    std::string out = capture_stdout([&] {
-        EXPECT_EQ(0, vireo_ptn_header_verify(buf.data(), 15));
-        EXPECT_EQ(0, vireo_ptn_header_get_content_pos(buf.data(), 15, &offset, &length));
-        EXPECT_EQ(0, vireo_ptn_header_get_content_pos(buf.data(), 16, nullptr, &length));
+    // A length near 4 GiB must not wrap: 0xFFFFFFF0 + 16 is 0 in 32 bits.
+    header_run r = read_header(content_header(0xFFFFFFF0u) + std::string(48, '\0'), 64);
+    EXPECT_EQ(0, r.verify + r.content);
+    EXPECT_TRUE(has_trace(r.out, "content[4294967280]+header[16] > bufsize[64]"));
+    // The magic in little-endian order.
+    std::string little = content_header(0);
+    for (size_t w = 0; w < 8; w += 4)
+        std::reverse(little.begin() + w, little.begin() + w + 4);
+    r = read_header(little, 16);
+    EXPECT_EQ(0, r.verify + r.content);
+    EXPECT_TRUE(has_trace(r.out, "Magic unmatch.magic_0[0x8fd955aa],magic_1[0xaa55e904]"));
+    EXPECT_TRUE(has_trace(r.out, "Magic unmatch."));
+    // A buffer too short for a header, before any dump; no place for the length.
+    r = read_header(content_header(0), 15);
+    const std::string valid = content_header(0);
+    int32_t length;
+    r.out += capture_stdout([&] {
+        EXPECT_EQ(0, vireo_ptn_header_get_content_pos(
+                         reinterpret_cast<const uint8_t *>(valid.data()), 16, nullptr, &length));
     });
-    EXPECT_EQ(std::string::npos, out.find("magic_0")) << out;
-    EXPECT_EQ(3u, trace_messages(out).size());
-}
-
-TEST(PtnHeader, RejectsLittleEndianMagic)
-{
-    std::vector<uint8_t> buf = {0x8F, 0xD9, 0x55, 0xAA, 0xAA, 0x55, 0xE9, 0x04,
-                                0,    0,    0,    0,    0,    0,    0,    0};
-    int32_t offset, length;
-    std::string out = capture_stdout([&] {
-        EXPECT_EQ(0, vireo_ptn_header_verify(buf.data(), 16));
-        EXPECT_EQ(0, vireo_ptn_header_get_content_pos(buf.data(), 16, &offset, &length));
-    });
-    EXPECT_TRUE(has_trace(out, "Magic unmatch.magic_0[0x8fd955aa],magic_1[0xaa55e904]"));
-    EXPECT_TRUE(has_trace(out, "Magic unmatch."));
-}
-
-TEST(PtnHeader, LengthNearFourGigabytesDoesNotWrap)
-{
-    // 0xFFFFFFF0 + 16 wraps to 0 in 32 bits, which would pass a 32-bit comparison.
-    std::vector<uint8_t> buf = header_bytes(0xFFFFFFF0u);
-    buf.resize(64);
-    std::string out =
-        capture_stdout([&] { EXPECT_EQ(0, vireo_ptn_header_verify(buf.data(), 64)); });
-    EXPECT_TRUE(has_trace(out, "content[4294967280]+header[16] > bufsize[64]"));
+    EXPECT_EQ(0, r.verify + r.content);
+    EXPECT_EQ(std::string::npos, r.out.find("magic_0")) << r.out;
+    EXPECT_EQ(3u, trace_messages(r.out).size());
+    // A non-zero checksum is reported but accepted.
+    r = read_header(content_header(0, 1), 16);
+    EXPECT_EQ(2, r.verify + r.content);
+    EXPECT_TRUE(has_trace(r.out, "Invalid checksum(0x00000001), skip it for NOW."));
 }
 
 TEST(PtnHeader, AddWritesBigEndianHeader)
 {
     std::vector<uint8_t> buf(32, 0xEE);
     EXPECT_EQ(16, vireo_ptn_header_add(buf.data(), 16, buf.data() + 16, 0));
-    EXPECT_EQ(header_bytes(0), std::vector<uint8_t>(buf.begin(), buf.begin() + 16));
+    EXPECT_EQ(content_header(0), std::string(buf.begin(), buf.begin() + 16));
     EXPECT_EQ(16, vireo_ptn_header_add(buf.data(), 32, buf.data() + 16, 0x01020304));
-    EXPECT_EQ(header_bytes(0x01020304), std::vector<uint8_t>(buf.begin(), buf.begin() + 16));
-
+    EXPECT_EQ(content_header(0x01020304), std::string(buf.begin(), buf.begin() + 16));
     std::vector<uint8_t> untouched(32, 0xEE);
     std::string out = capture_stdout([&] {
         EXPECT_EQ(-1, vireo_ptn_header_add(untouched.data(), 32, untouched.data(), -1));
