@@ -210,6 +210,7 @@ int32_t vireo_payload_read(const vireo_payload &payload, const up_ptn_info *entr
     vireo_sealed_reader reader(payload.seals);
     if (!reader.copy(static_cast<uint64_t>(data - payload.file), entry->size, content->copy.data()))
         return -1;
-    content->data = content->copy.data();
+    // An empty content still has an address: the file's, never none.
+    content->data = entry->size ? content->copy.data() : data;
     return 0;
 }

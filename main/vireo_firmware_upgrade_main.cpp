@@ -12,7 +12,6 @@
 #include <getopt.h>
 #include <unistd.h>
 
-static const char VIREO_MODULE[] = "vireo_firmware_upgrade_main";
 
 namespace
 {

@@ -28,6 +28,8 @@ echo "== DESTDIR install, man pages, the OpenWrt package's build (scripts/instal
 bash scripts/install-test.sh | tee -a "$log" || status=1
 echo "== the settings code on the real libuci (scripts/libuci-test.sh) =="
 bash scripts/libuci-test.sh | tee -a "$log" || status=1
+echo "== every parser of outside bytes under libFuzzer, a short smoke run (scripts/fuzz.sh) =="
+bash scripts/fuzz.sh 10 | tee -a "$log" || status=1
 
 # One closing line for all of them.
 awk '/tests failed out of/ { total += $NF; failed += $(NF-4) }
