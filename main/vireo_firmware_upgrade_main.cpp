@@ -12,7 +12,6 @@
 #include <getopt.h>
 #include <unistd.h>
 
-
 namespace
 {
 
