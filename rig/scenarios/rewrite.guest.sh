@@ -5,20 +5,33 @@
 . /rig/config
 cp /rig/up.bin /tmp/
 
-# While the upgrade (PID $1) runs: waits for the flag volume's UBI device (raw flash: the
-# tool attaches it after its checks) or for the flag to go BAD (UBI mode), then rewrites the
-# file in place.
+# While the upgrade runs: lets the tool run in slices of a few milliseconds, stopped in
+# between, until the flag volume's UBI device appears (raw flash: the tool attaches it
+# after its checks) or the flag goes BAD (UBI mode); then, with the tool still stopped,
+# rewrites the file in place and lets it go on. Stepping the tool keeps the rewrite inside
+# the upgrade however fast the tool or slow the machine.
+past_checks()
+{
+    case $FLAG in
+    ubi4:*) [ -e /sys/class/ubi/ubi4 ] ;;
+    *) case $(flag_of "$FLAG") in BAD:*) return 0 ;; esac; return 1 ;;
+    esac
+}
+
 rewriter()
 {
-    while kill -0 "$1" 2>/dev/null; do
-        case $FLAG in
-        ubi4:*) [ -e /sys/class/ubi/ubi4 ] && break ;;
-        *) case $(flag_of "$FLAG") in BAD:*) break ;; esac ;;
-        esac
+    local pid=""
+    while [ -z "$pid" ] && kill -0 "$1" 2>/dev/null; do pid=$(pidof vireo_firmware_upgrade); done
+    [ -n "$pid" ] || return 0
+    while kill -STOP "$pid" 2>/dev/null; do
+        [ -e "/proc/$pid" ] && [ "$(cut -d' ' -f3 "/proc/$pid/stat")" != Z ] || return 0
+        past_checks && break
+        kill -CONT "$pid"
+        usleep 3000
     done
-    kill -0 "$1" 2>/dev/null || return 0
     dd if=/rig/evil.bin of=/tmp/up.bin bs=65536 seek="$EVIL_AT" oflag=seek_bytes conv=notrunc \
         status=none
+    kill -CONT "$pid" 2>/dev/null
 }
 
 (run_tool upgrade $TOOL_ARGS; exit $TOOL_STATUS) &
