@@ -8,6 +8,9 @@
 
 #include <fstream>
 #include <gtest/gtest.h>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/rsa.h>
 #include <sstream>
 
 namespace
@@ -15,12 +18,35 @@ namespace
 
 const std::string kKeyDir = VIREO_KEY_DIR;
 
-std::string test_key_text()
+// The public-key blob of a big-endian modulus and an exponent; the blob holds the modulus
+// least significant byte first.
+bytes rsa_blob_of(const bytes &n, uint32_t exponent)
 {
-    std::string text = read_file(kKeyDir + "/vireo_test_key.txt");
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-        text.pop_back();
-    return text;
+    bytes blob = {6, 2, 0, 0, 0x00, 0xA4, 0, 0, 'R', 'S', 'A', '1'};
+    for (uint32_t v : {static_cast<uint32_t>(n.size() * 8), exponent})
+        for (int i = 0; i < 4; i++)
+            blob.push_back(static_cast<uint8_t>(v >> (8 * i)));
+    blob.insert(blob.end(), n.rbegin(), n.rend());
+    return blob;
+}
+
+// A key's modulus, big-endian, exactly bits/8 bytes.
+bytes modulus_of(EVP_PKEY *key)
+{
+    BIGNUM *n = nullptr;
+    EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &n);
+    bytes out(static_cast<size_t>(EVP_PKEY_get_size(key)));
+    BN_bn2binpad(n, out.data(), static_cast<int>(out.size()));
+    BN_free(n);
+    return out;
+}
+
+bytes from_hex(const std::string &hex)
+{
+    bytes out;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        out.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return out;
 }
 
 int32_t verify_text(const std::string &key_text, const bytes &digest, const bytes &sig_le)
@@ -49,15 +75,35 @@ bytes encode(const std::string &prefix_hex, const bytes &hash)
     return em;
 }
 
+// The test key: its text (as built into the tool), its blob, and its signature of a random
+// digest, little-endian as images carry it.
+struct Rsa : testing::Test {
+    pkey_ptr key = ref_rsa_load_private(kKeyDir + "/vireo_test_key_DO_NOT_SHIP.pem");
+    std::string text = read_file(kKeyDir + "/vireo_test_key.txt");
+    bytes blob = rsa_blob_of(modulus_of(key.get()), 65537);
+    bytes digest = random_bytes(16);
+    bytes sig = reversed(ref_rsa_sign_sha1(key.get(), digest));
+
+    void SetUp() override
+    {
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+            text.pop_back();
+    }
+    // The raw private-key operation on an encoded message, little-endian.
+    bytes signed_raw(const bytes &em)
+    {
+        return reversed(ref_rsa_private(key.get(), em, RSA_NO_PADDING, nullptr));
+    }
+};
+
 } // namespace
 
-TEST(Base64, DecodesTheKeyTextAndStopsAtPadding)
+TEST_F(Rsa, Base64DecodesTheKeyTextAndStopsAtPadding)
 {
-    const std::string text = test_key_text();
     ASSERT_EQ(200u, text.size());
     uint8_t out[256];
     EXPECT_EQ(148, base64_decode(text.data(), 200, out));
-    EXPECT_EQ(0, memcmp(out + 8, "RSA1", 4));
+    EXPECT_EQ(0, memcmp(out, blob.data(), 148)) << "the text holds the key's blob";
     EXPECT_EQ(0, out[148]) << "a NUL follows the output";
     EXPECT_EQ(1, base64_decode("QQ==", 4, out));
     EXPECT_EQ('A', out[0]);
@@ -69,58 +115,58 @@ TEST(Base64, DecodesTheKeyTextAndStopsAtPadding)
     EXPECT_EQ(0, base64_decode("QU\xc3\x89", 4, out));
 }
 
-TEST(Rsa, TestKeyIsBuiltInByDefault)
+TEST_F(Rsa, TestKeyIsBuiltInByDefault)
 {
     if (std::string(VIREO_KEY_FILE) != kKeyDir + "/vireo_test_key.txt")
         GTEST_SKIP() << "built with another key";
-    EXPECT_EQ(test_key_text(), std::string(builtin_public_key, builtin_public_key_len));
+    EXPECT_EQ(text, std::string(builtin_public_key, builtin_public_key_len));
 }
 
-TEST(Rsa, AcceptsOpenSslSignaturesAndRefusesEachForgery)
+TEST_F(Rsa, AcceptsOpenSslSignatureByTextOrBlob)
 {
-    pkey_ptr key = ref_rsa_load_private(kKeyDir + "/vireo_test_key_DO_NOT_SHIP.pem");
-    ASSERT_TRUE(key);
-    const std::string text = test_key_text();
-    for (int i = 0; i < 4; i++) {
-        const bytes digest = random_bytes(16);
-        const bytes sig_be = ref_rsa_sign_sha1(key.get(), digest);
-        ASSERT_EQ(128u, sig_be.size());
-        EXPECT_EQ(1, verify_text(text, digest, reversed(sig_be)));
-        EXPECT_EQ(0, verify_text(text, digest, sig_be)) << "big-endian order is refused";
-        EXPECT_EQ(0, verify_text(text, random_bytes(16), reversed(sig_be))) << "other digest";
-    }
-    const bytes digest = random_bytes(16);
-    const auto signed_raw = [&](const bytes &em) {
-        return reversed(ref_rsa_raw_private(key.get(), em));
-    };
-    const bytes good = encode("3021300906052b0e03021a05000414", ref_sha1(digest));
-    EXPECT_EQ(1, verify_text(text, digest, signed_raw(good))) << "the hand-made encoding is right";
-    std::vector<bytes> forgeries = {
-        encode("3020300c06082a864886f70d020505000410", ref_md5(digest)),
-        encode("3031300d060960864801650304020105000420", ref_sha256(digest))};
-    for (size_t pos : {2, 50, 92, 127}) {
-        forgeries.push_back(good);
-        forgeries.back()[pos] ^= 1; // padding, the separator, the hash's last byte
-    }
-    for (const bytes &em : forgeries)
-        EXPECT_EQ(0, verify_text(text, digest, signed_raw(em))) << to_hex(em);
+    EXPECT_EQ(1, verify_text(text, digest, sig));
+    EXPECT_EQ(1, verify_blob(blob, digest, sig));
+    EXPECT_EQ(0, verify_text(text, digest, reversed(sig))) << "big-endian order is refused";
+    EXPECT_EQ(0, verify_text(text, random_bytes(16), sig)) << "other digest";
+    EXPECT_EQ(0, verify_text(text + std::string(57, 'A'), digest, sig)) << "key text too long";
+    bytes no_magic = blob;
+    no_magic[11] = '2';
+    EXPECT_EQ(0, verify_blob(no_magic, digest, sig));
+    EXPECT_EQ(0, verify_blob(bytes(blob.begin(), blob.end() - 1), digest, sig));
+    EXPECT_EQ(0, rsa_verify_blob(nullptr, 148, digest.data(), 16, sig.data(), 128));
+    EXPECT_EQ(0, rsa_verify_blob(blob.data(), 148, nullptr, 16, sig.data(), 128));
+    EXPECT_EQ(0, rsa_verify_blob(blob.data(), 148, digest.data(), 16, nullptr, 128));
 
-    bytes long_sig = signed_raw(good);
+    bytes long_sig = sig;
     long_sig.push_back(0);
     EXPECT_EQ(1, verify_text(text, digest, long_sig)) << "a leading zero byte keeps the value";
     long_sig.push_back(1);
     EXPECT_EQ(0, verify_text(text, digest, long_sig)) << "130 bytes, one digit more than n";
     long_sig.resize(257, 0);
     EXPECT_EQ(0, verify_text(text, digest, long_sig)) << "257 bytes";
-    EXPECT_EQ(0, verify_text(text + std::string(57, 'A'), digest, signed_raw(good)));
 }
 
-TEST(Rsa, AcceptsSignatureAboveModulusThatIsCongruent)
+TEST_F(Rsa, RefusesEachForgedEncoding)
+{
+    const bytes good = encode("3021300906052b0e03021a05000414", ref_digest(EVP_sha1(), digest));
+    EXPECT_EQ(1, verify_text(text, digest, signed_raw(good))) << "the hand-made encoding is right";
+    std::vector<bytes> forgeries = {
+        encode("3020300c06082a864886f70d020505000410", ref_digest(EVP_md5(), digest)),
+        encode("3031300d060960864801650304020105000420", ref_digest(EVP_sha256(), digest))};
+    for (size_t pos : {2, 50, 92, 127}) {
+        forgeries.push_back(good);
+        forgeries.back()[pos] ^= 1; // padding, the separator, the hash's last byte
+    }
+    for (const bytes &em : forgeries)
+        EXPECT_EQ(0, verify_text(text, digest, signed_raw(em))) << to_hex(em);
+}
+
+TEST(RsaKeys, AcceptsSignatureAboveModulusThatIsCongruent)
 {
     // A modulus with its top byte low leaves room for s + n in 128 bytes.
     for (int attempt = 0; attempt < 40; attempt++) {
-        pkey_ptr key = ref_rsa_generate(1024);
-        const bytes n = ref_rsa_modulus(key.get());
+        pkey_ptr key(EVP_RSA_gen(1024), EVP_PKEY_free);
+        const bytes n = modulus_of(key.get());
         const bytes digest = random_bytes(16);
         const bytes sig = ref_rsa_sign_sha1(key.get(), digest);
         // s + n, big-endian, in 129 bytes.
@@ -134,7 +180,7 @@ TEST(Rsa, AcceptsSignatureAboveModulusThatIsCongruent)
         if (carry != 0)
             continue;
         sum.erase(sum.begin());
-        const bytes blob = ref_rsa_blob(key.get());
+        const bytes blob = rsa_blob_of(n, 65537);
         EXPECT_EQ(1, verify_blob(blob, digest, reversed(sig)));
         EXPECT_EQ(1, verify_blob(blob, digest, reversed(sum)));
         return;
@@ -142,23 +188,7 @@ TEST(Rsa, AcceptsSignatureAboveModulusThatIsCongruent)
     FAIL() << "no key left room above its modulus";
 }
 
-TEST(Rsa, BlobWithoutMagicOrTooShortIsRefused)
-{
-    pkey_ptr key = ref_rsa_load_private(kKeyDir + "/vireo_test_key_DO_NOT_SHIP.pem");
-    const bytes digest = random_bytes(16);
-    const bytes sig = reversed(ref_rsa_sign_sha1(key.get(), digest));
-    bytes blob = ref_rsa_blob(key.get());
-    EXPECT_EQ(1, verify_blob(blob, digest, sig));
-    bytes no_magic = blob;
-    no_magic[11] = '2';
-    EXPECT_EQ(0, verify_blob(no_magic, digest, sig));
-    EXPECT_EQ(0, verify_blob(bytes(blob.begin(), blob.end() - 1), digest, sig));
-    EXPECT_EQ(0, rsa_verify_blob(nullptr, 148, digest.data(), 16, sig.data(), 128));
-    EXPECT_EQ(0, rsa_verify_blob(blob.data(), 148, nullptr, 16, sig.data(), 128));
-    EXPECT_EQ(0, rsa_verify_blob(blob.data(), 148, digest.data(), 16, nullptr, 128));
-}
-
-TEST(Rsa, PaddingVectorsOfAnotherSuite)
+TEST(RsaKeys, PaddingVectorsOfAnotherSuite)
 {
     std::ifstream in(std::string(VIREO_TEST_DATA) + "/rsa1024-sha1-padding-vectors.txt");
     ASSERT_TRUE(in);

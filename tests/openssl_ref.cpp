@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <openssl/bn.h>
-#include <openssl/core_names.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
@@ -17,33 +15,13 @@ bytes random_bytes(size_t n)
     return b;
 }
 
-static bytes digest_of(const EVP_MD *md, const bytes &data)
+bytes ref_digest(const EVP_MD *md, const bytes &data)
 {
     bytes out(EVP_MAX_MD_SIZE);
     unsigned int len = 0;
     EVP_Digest(data.data(), data.size(), out.data(), &len, md, nullptr);
     out.resize(len);
     return out;
-}
-
-bytes ref_md5(const bytes &data)
-{
-    return digest_of(EVP_md5(), data);
-}
-
-bytes ref_sha1(const bytes &data)
-{
-    return digest_of(EVP_sha1(), data);
-}
-
-bytes ref_sha256(const bytes &data)
-{
-    return digest_of(EVP_sha256(), data);
-}
-
-pkey_ptr ref_rsa_generate(int bits)
-{
-    return pkey_ptr(EVP_RSA_gen(static_cast<unsigned int>(bits)), EVP_PKEY_free);
 }
 
 pkey_ptr ref_rsa_load_private(const std::string &pem_path)
@@ -56,34 +34,7 @@ pkey_ptr ref_rsa_load_private(const std::string &pem_path)
     return pkey_ptr(key, EVP_PKEY_free);
 }
 
-bytes ref_rsa_modulus(EVP_PKEY *key)
-{
-    BIGNUM *n = nullptr;
-    EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &n);
-    bytes out(static_cast<size_t>(EVP_PKEY_get_size(key)));
-    BN_bn2binpad(n, out.data(), static_cast<int>(out.size()));
-    BN_free(n);
-    return out;
-}
-
-bytes rsa_blob_of(const bytes &n, uint32_t exponent)
-{
-    bytes blob = {6, 2, 0, 0, 0x00, 0xA4, 0, 0, 'R', 'S', 'A', '1'};
-    for (uint32_t v : {static_cast<uint32_t>(n.size() * 8), exponent})
-        for (int i = 0; i < 4; i++)
-            blob.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    blob.insert(blob.end(), n.rbegin(), n.rend());
-    return blob;
-}
-
-bytes ref_rsa_blob(EVP_PKEY *key)
-{
-    return rsa_blob_of(ref_rsa_modulus(key), 65537);
-}
-
-// The private-key operation with the given padding, and SHA-1 as the signed hash's
-// algorithm when md is given; big-endian output.
-static bytes private_op(EVP_PKEY *key, const bytes &input, int padding, const EVP_MD *md)
+bytes ref_rsa_private(EVP_PKEY *key, const bytes &input, int padding, const EVP_MD *md)
 {
     std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr),
                                                                     EVP_PKEY_CTX_free);
@@ -102,12 +53,7 @@ static bytes private_op(EVP_PKEY *key, const bytes &input, int padding, const EV
 
 bytes ref_rsa_sign_sha1(EVP_PKEY *key, const bytes &data)
 {
-    return private_op(key, ref_sha1(data), RSA_PKCS1_PADDING, EVP_sha1());
-}
-
-bytes ref_rsa_raw_private(EVP_PKEY *key, const bytes &em)
-{
-    return private_op(key, em, RSA_NO_PADDING, nullptr);
+    return ref_rsa_private(key, ref_digest(EVP_sha1(), data), RSA_PKCS1_PADDING, EVP_sha1());
 }
 
 bytes reversed(bytes b)
@@ -123,20 +69,12 @@ std::string to_hex(const bytes &b)
     return s;
 }
 
-bytes from_hex(const std::string &hex)
-{
-    bytes out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-    return out;
-}
-
 void resign_firmware(std::vector<uint8_t> &file)
 {
     bytes signed_part(file.begin() + 20, file.end());
     std::fill(signed_part.begin() + (304 - 20), signed_part.begin() + (432 - 20), 0);
     pkey_ptr key =
         ref_rsa_load_private(std::string(VIREO_KEY_DIR) + "/vireo_test_key_DO_NOT_SHIP.pem");
-    const bytes sig = reversed(ref_rsa_sign_sha1(key.get(), ref_md5(signed_part)));
+    const bytes sig = reversed(ref_rsa_sign_sha1(key.get(), ref_digest(EVP_md5(), signed_part)));
     std::copy(sig.begin(), sig.end(), file.begin() + 304);
 }
