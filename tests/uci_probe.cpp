@@ -11,60 +11,48 @@
 #include <string>
 #include <vector>
 
-namespace
-{
-
-// The text in double quotes, with C escapes for quotes, backslashes and control bytes.
-std::string quoted(const char *text)
+// The text in double quotes, with C escapes for quotes, backslashes and other bytes.
+static std::string quoted(const char *text)
 {
     std::string out = "\"";
-    for (const char *p = text; *p; p++) {
-        const unsigned char c = static_cast<unsigned char>(*p);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += *p;
-        } else if (c < 32 || c > 126) {
-            char buf[8];
-            snprintf(buf, sizeof(buf), "\\x%02x", c);
-            out += buf;
-        } else {
-            out += *p;
-        }
+    for (const unsigned char *p = reinterpret_cast<const unsigned char *>(text); *p; p++) {
+        char c[8];
+        snprintf(c, sizeof(c),
+                 *p == '"' || *p == '\\' ? "\\%c"
+                 : *p < 32 || *p > 126   ? "\\x%02x"
+                                         : "%c",
+                 *p);
+        out += c;
     }
     return out + "\"";
 }
 
-void dump_package(const std::string &path)
+// Every section and option, each also looked up by its name.
+static void dump_package(const std::string &path)
 {
     uci_context *ctx = uci_alloc_context();
     uci_package *pkg = nullptr;
     const int rc = uci_load(ctx, path.c_str(), &pkg);
     printf("load %s\n", rc == UCI_OK ? "ok" : "fail");
+    uci_element *se, *oe, *item, *found;
     if (rc == UCI_OK && pkg) {
-        uci_element *se;
         uci_foreach_element(&pkg->sections, se)
         {
             uci_section *s = uci_to_section(se);
             printf("section %s type %s%s\n", quoted(se->name).c_str(), quoted(s->type).c_str(),
                    s->anonymous ? " anonymous" : "");
-            // Every section is found by its name, every option by its name.
-            uci_element *found = nullptr;
             if (uci_lookup_next(ctx, &found, &pkg->sections, se->name) != UCI_OK || found != se)
                 printf("  lookup of the section fails\n");
-            uci_element *oe;
             uci_foreach_element(&s->options, oe)
             {
                 uci_option *o = uci_to_option(oe);
-                if (uci_lookup_option(ctx, s, oe->name) != o)
-                    printf("  lookup of the option fails\n");
-                if (o->type == UCI_TYPE_STRING) {
-                    printf("  option %s = %s\n", quoted(oe->name).c_str(),
-                           quoted(o->v.string).c_str());
-                    continue;
-                }
-                printf("  list %s =", quoted(oe->name).c_str());
-                uci_element *item;
-                uci_foreach_element(&o->v.list, item) printf(" %s", quoted(item->name).c_str());
+                printf("  %s %s%s", o->type == UCI_TYPE_STRING ? "option" : "list",
+                       quoted(oe->name).c_str(),
+                       uci_lookup_option(ctx, s, oe->name) == o ? "" : " (lookup fails)");
+                if (o->type == UCI_TYPE_STRING)
+                    printf(" = %s", quoted(o->v.string).c_str());
+                else
+                    uci_foreach_element(&o->v.list, item) printf(" %s", quoted(item->name).c_str());
                 printf("\n");
             }
         }
@@ -72,8 +60,6 @@ void dump_package(const std::string &path)
     }
     uci_free_context(ctx);
 }
-
-} // namespace
 
 int main(int argc, char **argv)
 {

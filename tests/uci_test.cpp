@@ -1,3 +1,5 @@
+// The special ids of the settings, as the UBI check reads them, and the uci reader behind
+// them (ours, or libuci in a build with VIREO_HAVE_LIBUCI).
 #include "common/vireo_uci.h"
 #include "ubi/vireo_ubi.h"
 
@@ -20,92 +22,9 @@ int32_t accepts(const char *id, std::string *out = nullptr)
     return r;
 }
 
-} // namespace
-
-TEST(Settings, SpecialIdsComeFromTheListOfTheFirstSection)
-{
-    fake_root root;
-    root.write("etc/profile.d/profile", "# device settings\n"
-                                        "config special_id_support_list 'ids'\n"
-                                        "\tlist special_id '55530000'\n"
-                                        "\tlist special_id \"4A500000\"  # Japan\n"
-                                        "\tlist special_id 45550000\n"
-                                        "\n"
-                                        "config special_id_support_list\n"
-                                        "\tlist special_id '99990000'\n");
-    EXPECT_EQ(1, accepts("55530000"));
-    EXPECT_EQ(1, accepts("4A500000"));
-    EXPECT_EQ(1, accepts("45550000"));
-    EXPECT_EQ(0, accepts("4a500000")) << "case-sensitive";
-    EXPECT_EQ(0, accepts("99990000")) << "only the first section of the type counts";
-}
-
-TEST(Settings, PlainOptionOfThatNameIsIgnored)
-{
-    fake_root root;
-    root.write("etc/profile.d/profile", "config other 'x'\n"
-                                        "\tlist special_id 'aaaa'\n"
-                                        "config special_id_support_list\n"
-                                        "\toption special_id 'bbbb'\n");
-    EXPECT_EQ(0, accepts("bbbb"));
-    EXPECT_EQ(0, accepts("aaaa")) << "a section of another type";
-}
-
-TEST(Settings, MissingFileSectionOrBadSyntax)
-{
-    fake_root root;
-    std::string out;
-    EXPECT_EQ(0, accepts("x", &out));
-    EXPECT_TRUE(has_trace(out, "uci_load profile fail."));
-
-    root.write("etc/profile.d/profile", "config other\n\toption a 'b'\n");
-    EXPECT_EQ(0, accepts("x", &out));
-    EXPECT_TRUE(has_trace(out, "uci_lookup_section special_id_support_list fail."));
-
-    for (const char *bad :
-         {"config special_id_support_list\n\tlist special_id 'open\n", "\tlist special_id 'x'\n",
-          "bogus line\n", "config special_id_support_list\n\tlist special-id 'x'\n"}) {
-        root.write("etc/profile.d/profile", bad);
-        EXPECT_EQ(0, accepts("x", &out)) << bad;
-        EXPECT_TRUE(has_trace(out, "uci_load profile fail.")) << bad;
-    }
-    EXPECT_EQ(0, accepts(nullptr, &out));
-    EXPECT_TRUE(has_trace(out, "special_id is NULL."));
-}
-
-TEST(Settings, ReaderKeepsQuotedValuesAndTurnsRepeatedOptionIntoList)
-{
-    temp_dir dir;
-    const std::string path = dir.write("cfg", "config t 'n'\n"
-                                              "\toption a 'x y'\n"
-                                              "\toption b \"q\\\"q\"\n"
-                                              "\toption c 'one'\n"
-                                              "\tlist c 'two'\n");
-    uci_context *ctx = uci_alloc_context();
-    uci_package *pkg = nullptr;
-    ASSERT_EQ(UCI_OK, uci_load(ctx, path.c_str(), &pkg));
-    uci_element *e = nullptr;
-    ASSERT_EQ(UCI_OK, uci_lookup_next(ctx, &e, &pkg->sections, "n"));
-    uci_section *s = uci_to_section(e);
-    EXPECT_STREQ("t", s->type);
-    uci_option *a = uci_lookup_option(ctx, s, "a");
-    ASSERT_TRUE(a);
-    EXPECT_EQ(UCI_TYPE_STRING, a->type);
-    EXPECT_STREQ("x y", a->v.string);
-    EXPECT_STREQ("q\"q", uci_lookup_option(ctx, s, "b")->v.string);
-    uci_option *c = uci_lookup_option(ctx, s, "c");
-    ASSERT_EQ(UCI_TYPE_LIST, c->type);
-    std::string items;
-    uci_foreach_element(&c->v.list, e) items += std::string(e->name) + ";";
-    EXPECT_EQ("one;two;", items);
-    EXPECT_EQ(nullptr, uci_lookup_option(ctx, s, "none"));
-    uci_unload(ctx, pkg);
-    uci_free_context(ctx);
-}
-
 // The items of list special_id in the first section of type special_id_support_list, each
 // followed by '|'; "fail" when the file does not load, "none" without such a list.
-static std::string special_id_items(const std::string &text)
+std::string special_id_items(const std::string &text)
 {
     temp_dir dir;
     const std::string path = dir.write("profile", text);
@@ -132,34 +51,97 @@ static std::string special_id_items(const std::string &text)
     return items;
 }
 
-// The same rows pass against libuci (a build with VIREO_HAVE_LIBUCI), which is how these
-// answers were found.
-TEST(Settings, ReaderFollowsLibuciOnTheFineDetails)
+} // namespace
+
+// Settings files and their special-id items, as libuci reads them (the same rows pass in a
+// build with libuci). uci_diff_test.cpp gives these files to libuci and our reader too.
+extern const std::vector<std::pair<std::string, std::string>> kUciRows;
+const std::vector<std::pair<std::string, std::string>> kUciRows = {
+    {"c special_id_support_list\n l special_id a\n o other x\n", "a|"},
+    {"config special_id_support_list\nlist special_id a; list special_id b\n", "a|"},
+    {"config special_id_support_list\nlist special_id 'a'; list special_id b\n", "a|b|"},
+    {"config special_id_support_list 'ids';list special_id 0000\n", "0000|"},
+    {"config special_id_support_list\nlist special_id ;\n", "|"},
+    {"config special_id_support_list s\nlist special_id a\nconfig other\n"
+     "config special_id_support_list s\nlist special_id b\n",
+     "a|b|"},
+    {"config other s\nconfig special_id_support_list s\n", "fail"},
+    {"config special_id_support_list\nlist special_id 55\\\n53\n", "5553|"},
+    {"config special_id_support_list\nlist special_id 5553\\\n 0000\n", "fail"},
+    {"config special_id_support_list\r\nlist special_id 5553\\\r\n0000\r\n", "55530000|"},
+    {"config special_id_support_list\nlist special_id 'a\nb'\n", "a\nb|"},
+    {"config special_id_support_list\nlist special_id 'x y'\n", "x y|"},
+    {"config special_id_support_list\nlist special_id 'a'\"b\"c\n", "abc|"},
+    {"config special_id_support_list\nlist special_id 'x'\"'\"'y'\nlist special_id a\\\\b\n",
+     "x'y|a\\b|"},
+    {"config special_id_support_list\nlist special_id \"a\\\"\\b\"\n", "a\"b|"},
+    {"config special_id_support_list\nlist special_id\nlist special_id ''\n", "||"},
+    {"config special_id_support_list\noption special_id ''\n", "none"},
+    {"config special_id_support_list\noption special_id x\nlist special_id y\n", "x|y|"},
+    {"config special_id_support_list\nlist special_id 0000\noption special_id 5553\n", "none"},
+    {"config special_id_support_list\nlist special_id a#b\n#\nlist special_id '#'#x\n", "a|#|"},
+    {"config special_id_support_list\r\nlist special_id a\r\n", "a|"},
+    {"config special_id_support_list\nlist\tspecial_id\t0000\n", "0000|"},
+    {"config special_id_support_list\nlist special_id a", "a|"},
+    {"config special_id_support_list", "none"},
+    {"package profile\nconfig special_id_support_list\nlist special_id 0000\n", "0000|"},
+    {"list special_id 55530000\nconfig special_id_support_list\n", "fail"},
+    {"config special_id_support_list\nlist special_id a b\n", "fail"},
+    {"config special_id_support_list\nlist special_id \"q\\\"q\" 'x'\n", "fail"},
+    {"config special_id_support_list\nlist special_id 'a\n", "fail"},
+    {"config special_id_support_list\nlist special_id \"a\n", "fail"},
+    {"config special_id_support_list\nlist\vspecial_id a\n", "fail"},
+    {"config special_id_support_list\nlist special-id a\n", "fail"},
+    {"bogus line\n", "fail"},
+    {"config 'a.b'\nconfig special_id_support_list\n", "none"},
+    {"config special_id_support_list x.y\n", "fail"},
+    {"config 'bad type'\n", "fail"},
+    {"package bad.name\n", "fail"},
+    {"config\n", "fail"},
+    {"", "none"},
+};
+
+TEST(Settings, SpecialIdsComeFromTheListOfTheFirstSection)
 {
-    const std::pair<const char *, const char *> rows[] = {
-        {"c special_id_support_list\n l special_id a\n", "a|"},
-        {"config special_id_support_list\nlist special_id a; list special_id b\n", "a|"},
-        {"config special_id_support_list\nlist special_id 'a'; list special_id b\n", "a|b|"},
-        {"config special_id_support_list s\nlist special_id a\nconfig other\n"
-         "config special_id_support_list s\nlist special_id b\n",
-         "a|b|"},
-        {"config other s\nconfig special_id_support_list s\n", "fail"},
-        {"config special_id_support_list\nlist special_id 55\\\n53\n", "5553|"},
-        {"config special_id_support_list\nlist special_id 'a\nb'\n", "a\nb|"},
-        {"config special_id_support_list\nlist special_id 'a'\"b\"c\n", "abc|"},
-        {"config special_id_support_list\nlist special_id \"a\\\"\\b\"\n", "a\"b|"},
-        {"config special_id_support_list\nlist special_id\nlist special_id ''\n", "||"},
-        {"config special_id_support_list\noption special_id ''\n", "none"},
-        {"config special_id_support_list\noption special_id x\nlist special_id y\n", "x|y|"},
-        {"config special_id_support_list\nlist special_id a#b\n#\n", "a|"},
-        {"config special_id_support_list\r\nlist special_id a\r\n", "a|"},
-        {"config special_id_support_list\nlist special_id a", "a|"},
-        {"config special_id_support_list\nlist special_id a b\n", "fail"},
-        {"config special_id_support_list\nlist special_id 'a\n", "fail"},
-        {"config special_id_support_list\nlist\vspecial_id a\n", "fail"},
-        {"config 'a.b'\nconfig special_id_support_list\n", "none"},
-        {"config special_id_support_list x.y\n", "fail"},
-    };
-    for (const auto &[text, items] : rows)
+    fake_root root;
+    root.write("etc/profile.d/profile", "# device settings\n"
+                                        "config other 'x'\n"
+                                        "\tlist special_id 'aaaa'\n"
+                                        "config special_id_support_list 'ids'\n"
+                                        "\tlist special_id '55530000'\n"
+                                        "\tlist special_id \"4A500000\"  # Japan\n"
+                                        "\tlist special_id 45550000\n"
+                                        "\n"
+                                        "config special_id_support_list\n"
+                                        "\tlist special_id '99990000'\n");
+    EXPECT_EQ(1, accepts("55530000"));
+    EXPECT_EQ(1, accepts("4A500000"));
+    EXPECT_EQ(1, accepts("45550000"));
+    EXPECT_EQ(0, accepts("4a500000")) << "case-sensitive";
+    EXPECT_EQ(0, accepts("99990000")) << "only the first section of the type counts";
+    EXPECT_EQ(0, accepts("aaaa")) << "a section of another type";
+    root.write("etc/profile.d/profile", "config special_id_support_list\n"
+                                        "\toption special_id 'bbbb'\n");
+    EXPECT_EQ(0, accepts("bbbb")) << "a plain option of that name";
+}
+
+// A file with bad syntax (rows of kUciRows) fails to load as a missing file does.
+TEST(Settings, MissingFileOrSectionAndNoId)
+{
+    fake_root root;
+    std::string out;
+    EXPECT_EQ(0, accepts("x", &out));
+    EXPECT_TRUE(has_trace(out, "uci_load profile fail."));
+
+    root.write("etc/profile.d/profile", "config other\n\toption a 'b'\n");
+    EXPECT_EQ(0, accepts("x", &out));
+    EXPECT_TRUE(has_trace(out, "uci_lookup_section special_id_support_list fail."));
+    EXPECT_EQ(0, accepts(nullptr, &out));
+    EXPECT_TRUE(has_trace(out, "special_id is NULL."));
+}
+
+TEST(Settings, ReaderFindsTheItemsLibuciFinds)
+{
+    for (const auto &[text, items] : kUciRows)
         EXPECT_EQ(items, special_id_items(text)) << text;
 }
