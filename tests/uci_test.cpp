@@ -72,6 +72,7 @@ const std::vector<std::pair<std::string, std::string>> kUciRows = {
     {"config special_id_support_list\nlist special_id 'a\nb'\n", "a\nb|"},
     {"config special_id_support_list\nlist special_id 'x y'\n", "x y|"},
     {"config special_id_support_list\nlist special_id 'a'\"b\"c\n", "abc|"},
+    {"config special_id_support_list\nlist special_id 'a\\b'\n", "a\\b|"},
     {"config special_id_support_list\nlist special_id 'x'\"'\"'y'\nlist special_id a\\\\b\n",
      "x'y|a\\b|"},
     {"config special_id_support_list\nlist special_id \"a\\\"\\b\"\n", "a\"b|"},
