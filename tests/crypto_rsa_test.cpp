@@ -103,13 +103,6 @@ TEST_F(Rsa, Base64DecodesTheKeyTextAndStopsAtPadding)
     EXPECT_EQ(0, base64_decode("QU\xc3\x89", 4, out));
 }
 
-TEST_F(Rsa, TestKeyIsBuiltInByDefault)
-{
-    if (std::string(VIREO_KEY_FILE) != kKeyDir + "/vireo_test_key.txt")
-        GTEST_SKIP() << "built with another key";
-    EXPECT_EQ(text, std::string(builtin_public_key, builtin_public_key_len));
-}
-
 TEST_F(Rsa, AcceptsOpenSslSignatureByTextOrBlob)
 {
     EXPECT_EQ(1, verify_text(text, digest, sig));
