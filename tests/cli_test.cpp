@@ -191,8 +191,7 @@ TEST(CommandLine, CheckOnAFakeDeviceGivesItsVerdictAsExitStatus)
     temp_dir dir;
     raw_device dev(raw_device::layout(kDevice));
     for (const char *model : {"VR100", "VR200"}) {
-        pack_images(
-            dir, {{"[" + entry_json(model, "1.0", "55530000") + "]", "", "", {{"kernel", "k"}}}});
+        pack_images(dir, {{one_entry_list(model, "1.0", "55530000"), "", "", {{"kernel", "k"}}}});
         run_result r =
             run_program(VIREO_FAKE_ROOT_TOOL, {dev.path, "-C", "-u", dir.join("up.bin")});
         EXPECT_EQ(std::string(model) == "VR100" ? 0 : 255, r.status) << model << r.out;

@@ -12,14 +12,7 @@
 namespace
 {
 
-// A support list of the one entry.
-std::string list_of(const std::string &model, const std::string &version, const std::string &id,
-                    const std::string &flash_version = "")
-{
-    return "[" + entry_json(model, version, id, flash_version) + "]";
-}
-
-const std::string kOther = list_of("VR200", "1.0", "55530000");
+const std::string kOther = one_entry_list("VR200", "1.0", "55530000");
 const char kRefused[] = "Firmware is not allowed to upgrade into this device.";
 const char kUpgradable[] = "Firmware is upgradable for this DEVICE. ";
 
@@ -69,10 +62,10 @@ TEST_F(CheckCommand, MatchingFollowsTheSupportListExactly)
         const char *match = nullptr; // the match trace, or none when refused
     } cases[] = {
         {"same device", kDevice, kFits, "match by support list entry 0 (VR100, 1.0, 55530000)!"},
-        {"model in other case", kDevice, list_of("vr100", "1.0", "55530000")},
+        {"model in other case", kDevice, one_entry_list("vr100", "1.0", "55530000")},
         {"version in other case", devinfo_json("VR100", "v1", "55530000"),
-         list_of("VR100", "V1", "55530000")},
-        {"any special id in the list", kDevice, list_of("VR100", "1.0", "00000001"),
+         one_entry_list("VR100", "V1", "55530000")},
+        {"any special id in the list", kDevice, one_entry_list("VR100", "1.0", "00000001"),
          "match by support list entry 0 (VR100, 1.0, 00000001)!"},
         {"any special id on the device", devinfo_json("VR100", "1.0", "00000001"), kFits},
         {"first of two fitting entries", kDevice,
@@ -80,10 +73,11 @@ TEST_F(CheckCommand, MatchingFollowsTheSupportListExactly)
              entry_json("VR100", "1.0", "00000001") + "," + entry_json("VR100", "1.0", "55530000") +
              "]",
          "match by support list entry 1 (VR100, 1.0, 00000001)!"},
-        {"flash version on neither side", kDevice, list_of("VR100", "1.0", "55530000", "00000000"),
+        {"flash version on neither side", kDevice,
+         one_entry_list("VR100", "1.0", "55530000", "00000000"),
          "match by support list entry 0 (VR100, 1.0, 55530000)!"},
         {"flash version in the list only", kDevice,
-         list_of("VR100", "1.0", "55530000", "00000001")},
+         one_entry_list("VR100", "1.0", "55530000", "00000001")},
         {"flash version on the device only", devinfo_json("VR100", "1.0", "55530000", "00000001"),
          kFits},
         {"empty support list", kDevice, "[]"},
@@ -110,15 +104,11 @@ TEST_F(CheckCommand, WalkAlongTheChain)
     bad_magic[0] ^= 1; // outside the signature: only the magic test sees it
     std::vector<uint8_t> loop = pack_images(
         dir, {{kOther, "", "", {{"kernel", "k"}}}, {kOther, "", "", {{"kernel", "k2"}}}});
-    loop[next + 31] = static_cast<uint8_t>(next); // the last image points back at itself
-    loop[next + 30] = static_cast<uint8_t>(next >> 8);
-    loop[next + 29] = static_cast<uint8_t>(next >> 16);
+    for (int i = 0; i < 4; i++) // the last image points back at itself
+        loop[next + 28 + i] = static_cast<uint8_t>(next >> (24 - 8 * i));
     resign_firmware(loop);
     std::vector<uint8_t> outside = one_image(kFits);
-    const std::string table(reinterpret_cast<const char *>(outside.data()) + 4160);
-    const size_t at = table.find("0x", table.find("size", table.find("support-list")));
-    const std::string huge = "0x7FFFFFFF";
-    std::copy(huge.begin(), huge.end(), outside.begin() + 4160 + static_cast<long>(at));
+    set_entry_size(outside, "support-list", "0x7FFFFFFF");
     resign_firmware(outside);
     const std::vector<uint8_t> short_file(outside.begin(), outside.begin() + 69695);
 

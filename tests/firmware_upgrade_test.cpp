@@ -113,10 +113,7 @@ std::vector<uint8_t> entry_outside_the_file(const temp_dir &dir)
 {
     std::vector<uint8_t> file = pack_images(
         dir, {{kFits, table_json(layout(), 0x100000), "", {{"kernel", "k"}, {"rootfs", "r"}}}});
-    const std::string table(reinterpret_cast<const char *>(file.data()) + 4160);
-    const size_t at = table.find("0x", table.find("size", table.find("rootfs")));
-    const std::string huge = "0x00FFFFFF";
-    std::copy(huge.begin(), huge.end(), file.begin() + 4160 + static_cast<long>(at));
+    set_entry_size(file, "rootfs", "0x00FFFFFF");
     resign_firmware(file);
     return file;
 }
@@ -217,9 +214,8 @@ TEST_F(Upgrade, FailuresLeaveTheImageFlaggedOff)
         bool writes;       // whether anything reached the device at all
     } cases[] = {
         {"image for another model",
-         pack_images(
-             dir,
-             {{"[" + entry_json("VR200", "1.0", "55530000") + "]", "", "", {{"kernel", "k"}}}}),
+         pack_images(dir,
+                     {{one_entry_list("VR200", "1.0", "55530000"), "", "", {{"kernel", "k"}}}}),
          "", "Firmware is not allowed to upgrade this up table into this device.", false},
         {"entry outside the file", entry_outside_the_file(dir), "", "PTN[rootfs] base ", false},
         {"name the device lacks",
