@@ -94,9 +94,8 @@ TEST_F(CheckCommand, MatchingFollowsTheSupportListExactly)
     }
 }
 
-TEST_F(CheckCommand, WalkAlongTheChain)
+TEST_F(CheckCommand, WalkAlongTheChainAndTheDeviceRecords)
 {
-    raw_device dev(raw_device::layout(kDevice));
     const std::vector<uint8_t> second_fits = pack_images(
         dir, {{kOther, "", "", {{"kernel", "k"}}}, {kFits, "", "", {{"kernel", "k2"}}}});
     const uint32_t next = be32(second_fits.data() + 28);
@@ -107,16 +106,25 @@ TEST_F(CheckCommand, WalkAlongTheChain)
     for (int i = 0; i < 4; i++) // the last image points back at itself
         loop[next + 28 + i] = static_cast<uint8_t>(next >> (24 - 8 * i));
     resign_firmware(loop);
-    std::vector<uint8_t> outside = one_image(kFits);
+    const std::vector<uint8_t> fits = one_image(kFits);
+    std::vector<uint8_t> outside = fits;
     set_entry_size(outside, "support-list", "0x7FFFFFFF");
     resign_firmware(outside);
     const std::vector<uint8_t> short_file(outside.begin(), outside.begin() + 69695);
+    std::vector<raw_ptn> garbage = raw_device::layout(kDevice), none = garbage, erased = garbage;
+    garbage[1].content = "garbage";
+    none[1].name = "devinfo";
+    none[2].name = "devinfo.b";
+    erased[0].content = std::string(16, '\xff');
 
     struct {
         const char *what;
         std::vector<uint8_t> file;
-        std::vector<std::string> traces; // that must appear once, the walk's last one last
-        size_t images;                   // "up.bin buf" lines
+        // Traces that must appear once, the last one last; one starting with '/' is a path
+        // below the root.
+        std::vector<std::string> traces;
+        size_t images; // "up.bin buf" lines
+        std::vector<raw_ptn> ptns = raw_device::layout(kDevice);
     } cases[] = {
         {"second image fits",
          second_fits,
@@ -141,56 +149,37 @@ TEST_F(CheckCommand, WalkAlongTheChain)
          {"firmware header truncated, file size is 69695, minimal header size is 69696.",
           "Firmware header validate *FAILED*."},
          1},
+        {"damaged device-info, good device-info.b",
+         fits,
+         {"flash[0x00010000] is not a valid partition.",
+          "dev_info: device-info.b, model_name: VR100.", kUpgradable},
+         1,
+         garbage},
+        {"neither copy of device-info",
+         fits,
+         {"PTN[device-info] not found.", "PTN[device-info.b] not found.",
+          "Faield to get device info of FLASH.", kRefused},
+         1,
+         none},
+        {"erased partition table: nothing else is looked at",
+         fits,
+         {"/dev/mtd1 is not a valid partition.", "Failed to build ptn_table of flash"},
+         0,
+         erased},
     };
     for (const auto &c : cases) {
+        raw_device dev(c.ptns);
         const check_run r = check(dev, c.file);
         EXPECT_EQ(c.traces.back() == kUpgradable ? 0 : -1, r.result) << c.what;
         for (const std::string &t : c.traces)
-            EXPECT_EQ(1u, count_trace(r.out, t)) << c.what << ": " << t << "\n" << r.out;
+            EXPECT_EQ(1u, count_trace(r.out, t[0] == '/' ? dev.at(t) : t))
+                << c.what << ": " << t << "\n"
+                << r.out;
         EXPECT_EQ(c.traces.back(), r.last) << c.what;
         size_t images = 0;
         for (const std::string &t : trace_messages(r.out))
             images += t.rfind("up.bin buf  = ", 0) == 0;
         EXPECT_EQ(c.images, images) << c.what;
-    }
-}
-
-TEST_F(CheckCommand, DeviceRecordsAndTheirFallBack)
-{
-    const std::vector<uint8_t> file = one_image(kFits);
-    std::vector<raw_ptn> garbage = raw_device::layout(kDevice), none = garbage, erased = garbage;
-    garbage[1].content = "garbage";
-    none[1].name = "devinfo";
-    none[2].name = "devinfo.b";
-    erased[0].content = std::string(16, '\xff');
-    struct {
-        const char *what;
-        std::vector<raw_ptn> ptns;
-        std::vector<std::string> traces; // that must appear once; a path below the root
-        std::string last;
-    } cases[] = {
-        {"damaged device-info, good device-info.b",
-         garbage,
-         {"flash[0x00010000] is not a valid partition.",
-          "dev_info: device-info.b, model_name: VR100."},
-         kUpgradable},
-        {"neither copy",
-         none,
-         {"PTN[device-info] not found.", "PTN[device-info.b] not found.",
-          "Faield to get device info of FLASH."},
-         kRefused},
-        {"erased partition table: nothing else is looked at",
-         erased,
-         {"/dev/mtd1 is not a valid partition."},
-         "Failed to build ptn_table of flash"},
-    };
-    for (const auto &c : cases) {
-        raw_device dev(c.ptns);
-        const check_run r = check(dev, file);
-        EXPECT_EQ(c.last == kUpgradable ? 0 : -1, r.result) << c.what;
-        for (const std::string &t : c.traces)
-            EXPECT_EQ(1u, count_trace(r.out, t[0] == '/' ? dev.at(t) : t)) << c.what << ": " << t;
-        EXPECT_EQ(c.last, r.last) << c.what << r.out;
     }
     const std::string out = capture_stdout([] { EXPECT_EQ(-1, vireo_firmware_check(nullptr)); });
     EXPECT_EQ(std::vector<std::string>{"Invalid param, (nil)."}, trace_messages(out));
