@@ -34,26 +34,40 @@ bool locked(const run_result &r)
 TEST(CommandLine, PrecedenceUsageLockAndExitStatus)
 {
     enum output { USAGE_ONLY, LOCK_AND_USAGE, LOCK, NO_LOCK };
+    temp_dir dir;
     const struct {
         std::vector<std::string> args;
         int status;
         output out;
-    } cases[] =
-        {
-            {{}, 255, USAGE_ONLY},
-            {{"-h"}, 0, USAGE_ONLY},
-            {{"--help"}, 0, USAGE_ONLY},
-            {{"-x"}, 0, USAGE_ONLY},
-            {{"-u"}, 0, USAGE_ONLY}, // a missing argument also asks for usage
-            {{"-s"}, 255, USAGE_ONLY},
-            {{"-r", "-h"}, 0, USAGE_ONLY}, // usage outranks everything
-            {{"-U"}, 255, LOCK_AND_USAGE},
-            {{"-C", "-r"}, 0, NO_LOCK}, // roll-back outranks check and always exits 0
-            {{"-C"}, 255, NO_LOCK},
-            {{"-P", kValidTable}, 0, LOCK}, // -P without -s: no command, so the lock is taken
-        };
+        std::string trace = ""; // one that must appear
+    } cases[] = {
+        {{}, 255, USAGE_ONLY},
+        {{"-h"}, 0, USAGE_ONLY},
+        {{"--help"}, 0, USAGE_ONLY},
+        {{"-x"}, 0, USAGE_ONLY},
+        {{"-u"}, 0, USAGE_ONLY}, // a missing argument also asks for usage
+        {{"-s"}, 255, USAGE_ONLY},
+        {{"-r", "-h"}, 0, USAGE_ONLY}, // usage outranks everything
+        {{"-U"}, 255, LOCK_AND_USAGE},
+        {{"-C", "-r"}, 0, NO_LOCK}, // roll-back outranks check and always exits 0
+        {{"-C"}, 255, NO_LOCK},
+        {{"-P", kValidTable}, 0, LOCK}, // -P without -s: no command, so the lock is taken
+        // Showing a file that is no table traces why, prints no dump and still exits 0.
+        {{"-s", "-P", dir.join("missing.json")},
+         0,
+         NO_LOCK,
+         "Failed to open 'partition.json', errno=2."},
+        {{"-s", "-P", dir.write("garbage.json", "{not json")},
+         0,
+         NO_LOCK,
+         "Failed to parse 'partition.json'"},
+        {{"-s", "-P", std::string(VIREO_TEST_DATA) + "/ptn_overlap.json"},
+         0,
+         NO_LOCK,
+         "Failed to build ptn table."},
+    };
     for (const auto &c : cases) {
-        const std::string what = c.args.empty() ? "no arguments" : c.args[0];
+        const std::string what = c.args.empty() ? "no arguments" : c.args.back();
         run_result r = tool(c.args);
         EXPECT_EQ(c.status, r.status) << what;
         if (c.out == USAGE_ONLY) {
@@ -63,6 +77,10 @@ TEST(CommandLine, PrecedenceUsageLockAndExitStatus)
         }
         EXPECT_EQ(c.out == LOCK || c.out == LOCK_AND_USAGE, locked(r)) << what << r.out;
         EXPECT_EQ(what == "-x", r.err.find("invalid option") != std::string::npos) << r.err;
+        if (!c.trace.empty()) {
+            EXPECT_TRUE(has_trace(r.out, c.trace)) << what << r.out;
+            EXPECT_EQ(std::string::npos, r.out.find(std::string(41, '='))) << "a dump: " << what;
+        }
     }
 }
 
@@ -86,26 +104,7 @@ TEST(CommandLine, ShowPrintsDumpAndBothJsonForms)
               trace_messages(r.out));
 }
 
-TEST(CommandLine, ShowOfBadFilesTracesAndStillSucceeds)
-{
-    temp_dir dir;
-    const struct {
-        std::string path;
-        std::string message;
-    } cases[] = {
-        {dir.join("missing.json"), "Failed to open 'partition.json', errno=2."},
-        {dir.write("garbage.json", "{not json"), "Failed to parse 'partition.json'"},
-        {std::string(VIREO_TEST_DATA) + "/ptn_overlap.json", "Failed to build ptn table."},
-    };
-    for (const auto &c : cases) {
-        run_result r = tool({"-s", "-P", c.path});
-        EXPECT_EQ(0, r.status) << c.path;
-        EXPECT_TRUE(has_trace(r.out, c.message)) << r.out;
-        EXPECT_EQ(std::string::npos, r.out.find(std::string(41, '='))) << "no dump for a bad file";
-    }
-}
-
-TEST(CommandLine, UpAloneTakesTheLockAndWritesPidWithNul)
+TEST(CommandLine, LockFileHoldsThePidAndRefusesASecondInstance)
 {
     run_result r = tool({"-u", "up.bin"});
     EXPECT_EQ(0, r.status) << r.err;
@@ -114,10 +113,7 @@ TEST(CommandLine, UpAloneTakesTheLockAndWritesPidWithNul)
         r.out, m, std::regex("file: /tmp/vireo_firmware_upgrade\\.pid is locked by ([0-9]+)\n")))
         << r.out;
     EXPECT_EQ(m[1].str() + std::string(1, '\0'), read_file(kPidFile));
-}
 
-TEST(CommandLine, SecondInstanceIsRefusedWhileLockIsHeld)
-{
     const int fd = open(kPidFile, O_RDWR | O_CREAT, 0644);
     ASSERT_GE(fd, 0);
     struct flock lock = {};
@@ -126,7 +122,7 @@ TEST(CommandLine, SecondInstanceIsRefusedWhileLockIsHeld)
     ASSERT_EQ(0, fcntl(fd, F_SETLK, &lock));
     for (const std::vector<std::string> &args : {std::vector<std::string>{"-u", "up.bin"},
                                                  std::vector<std::string>{"-U", "-u", "up.bin"}}) {
-        run_result r = tool(args);
+        r = tool(args);
         EXPECT_EQ(255, r.status);
         EXPECT_EQ("file: /tmp/vireo_firmware_upgrade.pid already locked\n"
                   "The program is already running, exit(-1)!\n",
@@ -150,56 +146,44 @@ TEST(CommandLine, WorkModeUbiIsExactAndUbiIdIsDecimal)
         << "-p abc reads as 0";
 }
 
-TEST(SignatureTest, PacksPassAndTamperedFilesFail)
+TEST(SignatureTest, PacksPassTamperedFilesFailAndASuppliedDigestChecksTheHead)
 {
     temp_dir dir;
     std::vector<uint8_t> file = pack_firmware(dir, two_image_manifest(dir));
     ASSERT_FALSE(file.empty());
-    const std::string up = dir.join("up.bin");
-    run_result ok = tool({"-t", up});
-    EXPECT_EQ(0, ok.status);
-    EXPECT_EQ(std::vector<std::string>({"Rsa check pass"}), trace_messages(ok.out));
+    const std::string up = dir.join("up.bin"), m = dir.join("m");
+    run_result r = tool({"-t", up});
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ(std::vector<std::string>({"Rsa check pass"}), trace_messages(r.out));
     // Every byte from offset 20 is covered (the sweep of the integrity tests); here the
-    // first and the last, as the tool reads the file.
-    for (size_t pos : {size_t(20), file.size() - 1}) {
+    // first and the last, as the tool reads the file, and two of the magic, which is not.
+    for (size_t pos : {size_t(20), file.size() - 1, size_t(0), size_t(19)}) {
         std::string changed(file.begin(), file.end());
         changed[pos] ^= 0x10;
-        run_result bad = tool({"-t", dir.write("bad.bin", changed)});
-        EXPECT_EQ(255, bad.status) << pos;
-        EXPECT_TRUE(has_trace(bad.out, "Rsa check not pass")) << pos;
+        r = tool({"-t", dir.write("bad.bin", changed)});
+        EXPECT_EQ(pos < 20 ? 0 : 255, r.status) << pos;
+        EXPECT_EQ(pos >= 20, has_trace(r.out, "Rsa check not pass")) << pos;
     }
-    std::string magic(file.begin(), file.end());
-    magic[0] ^= 0x10;
-    magic[19] ^= 0x10;
-    EXPECT_EQ(0, tool({"-t", dir.write("magic.bin", magic)}).status);
-    // The verdict of -t outranks the other commands.
-    EXPECT_EQ(0, tool({"-t", up, "-U", "-u", up}).status);
-}
+    EXPECT_EQ(0, tool({"-t", up, "-U", "-u", up}).status) << "the verdict of -t outranks -U";
 
-TEST(SignatureTest, SuppliedDigestChecksTheHeadAlone)
-{
-    temp_dir dir;
-    std::vector<uint8_t> file = pack_firmware(dir, two_image_manifest(dir));
-    ASSERT_EQ(
-        0,
-        run_program(VIREO_PACK_TOOL, {"digest", dir.join("up.bin"), "-o", dir.join("m")}).status);
-    const std::string head = dir.write("head", std::string(file.begin(), file.begin() + 432));
-    EXPECT_EQ(0, tool({"-m", dir.join("m"), "-t", head}).status);
-    EXPECT_EQ(0, tool({"--rsa", dir.join("m"), "--head", head}).status);
-    std::string changed(file.begin(), file.begin() + 432);
-    changed[300] ^= 1; // inside the signed range, but the digest is the supplied one
-    EXPECT_EQ(0, tool({"-m", dir.join("m"), "-t", dir.write("h300", changed)}).status);
-    changed[305] ^= 1; // the signature itself
-    EXPECT_EQ(255, tool({"-m", dir.join("m"), "-t", dir.write("h305", changed)}).status);
-    run_result reversed = tool({"-t", head, "-m", dir.join("m")});
-    EXPECT_EQ(255, reversed.status) << "the digest came after the test";
-    EXPECT_TRUE(has_trace(reversed.out, "Rsa check not pass"));
-
-    run_result missing = tool({"-m", dir.join("none"), "-t", head});
-    EXPECT_EQ(255, missing.status);
-    EXPECT_TRUE(has_trace(missing.out, "no md5 Rsa check not pass")) << missing.out;
-    EXPECT_TRUE(has_trace(missing.out, "Failed to get file size, file='" + dir.join("none") + "'"));
-    EXPECT_EQ(255, tool({"-m", dir.join("m"), "-t", dir.write("h", "tiny")}).status);
+    // A digest supplied by -m before -t: the signature of the head alone is checked.
+    ASSERT_EQ(0, run_program(VIREO_PACK_TOOL, {"digest", up, "-o", m}).status);
+    std::string head(file.begin(), file.begin() + 432);
+    const std::string head_path = dir.write("head", head);
+    EXPECT_EQ(0, tool({"-m", m, "-t", head_path}).status);
+    EXPECT_EQ(0, tool({"--rsa", m, "--head", head_path}).status);
+    head[300] ^= 1; // inside the signed range, but the digest is the supplied one
+    EXPECT_EQ(0, tool({"-m", m, "-t", dir.write("h300", head)}).status);
+    head[305] ^= 1; // the signature itself
+    EXPECT_EQ(255, tool({"-m", m, "-t", dir.write("h305", head)}).status);
+    r = tool({"-t", head_path, "-m", m});
+    EXPECT_EQ(255, r.status) << "the digest came after the test";
+    EXPECT_TRUE(has_trace(r.out, "Rsa check not pass"));
+    r = tool({"-m", dir.join("none"), "-t", head_path});
+    EXPECT_EQ(255, r.status);
+    EXPECT_TRUE(has_trace(r.out, "no md5 Rsa check not pass")) << r.out;
+    EXPECT_TRUE(has_trace(r.out, "Failed to get file size, file='" + dir.join("none") + "'"));
+    EXPECT_EQ(255, tool({"-m", m, "-t", dir.write("h", "tiny")}).status);
 }
 
 TEST(CommandLine, CheckOnAFakeDeviceGivesItsVerdictAsExitStatus)
@@ -207,8 +191,7 @@ TEST(CommandLine, CheckOnAFakeDeviceGivesItsVerdictAsExitStatus)
     temp_dir dir;
     raw_device dev(raw_device::layout(kDevice));
     for (const char *model : {"VR100", "VR200"}) {
-        pack_images(
-            dir, {{"[" + entry_json(model, "1.0", "55530000") + "]", "", "", {{"kernel", "k"}}}});
+        pack_images(dir, {{one_entry_list(model, "1.0", "55530000"), "", "", {{"kernel", "k"}}}});
         run_result r =
             run_program(VIREO_FAKE_ROOT_TOOL, {dev.path, "-C", "-u", dir.join("up.bin")});
         EXPECT_EQ(std::string(model) == "VR100" ? 0 : 255, r.status) << model << r.out;

@@ -12,14 +12,7 @@
 namespace
 {
 
-// A support list of the one entry.
-std::string list_of(const std::string &model, const std::string &version, const std::string &id,
-                    const std::string &flash_version = "")
-{
-    return "[" + entry_json(model, version, id, flash_version) + "]";
-}
-
-const std::string kOther = list_of("VR200", "1.0", "55530000");
+const std::string kOther = one_entry_list("VR200", "1.0", "55530000");
 const char kRefused[] = "Firmware is not allowed to upgrade into this device.";
 const char kUpgradable[] = "Firmware is upgradable for this DEVICE. ";
 
@@ -69,10 +62,10 @@ TEST_F(CheckCommand, MatchingFollowsTheSupportListExactly)
         const char *match = nullptr; // the match trace, or none when refused
     } cases[] = {
         {"same device", kDevice, kFits, "match by support list entry 0 (VR100, 1.0, 55530000)!"},
-        {"model in other case", kDevice, list_of("vr100", "1.0", "55530000")},
+        {"model in other case", kDevice, one_entry_list("vr100", "1.0", "55530000")},
         {"version in other case", devinfo_json("VR100", "v1", "55530000"),
-         list_of("VR100", "V1", "55530000")},
-        {"any special id in the list", kDevice, list_of("VR100", "1.0", "00000001"),
+         one_entry_list("VR100", "V1", "55530000")},
+        {"any special id in the list", kDevice, one_entry_list("VR100", "1.0", "00000001"),
          "match by support list entry 0 (VR100, 1.0, 00000001)!"},
         {"any special id on the device", devinfo_json("VR100", "1.0", "00000001"), kFits},
         {"first of two fitting entries", kDevice,
@@ -80,10 +73,11 @@ TEST_F(CheckCommand, MatchingFollowsTheSupportListExactly)
              entry_json("VR100", "1.0", "00000001") + "," + entry_json("VR100", "1.0", "55530000") +
              "]",
          "match by support list entry 1 (VR100, 1.0, 00000001)!"},
-        {"flash version on neither side", kDevice, list_of("VR100", "1.0", "55530000", "00000000"),
+        {"flash version on neither side", kDevice,
+         one_entry_list("VR100", "1.0", "55530000", "00000000"),
          "match by support list entry 0 (VR100, 1.0, 55530000)!"},
         {"flash version in the list only", kDevice,
-         list_of("VR100", "1.0", "55530000", "00000001")},
+         one_entry_list("VR100", "1.0", "55530000", "00000001")},
         {"flash version on the device only", devinfo_json("VR100", "1.0", "55530000", "00000001"),
          kFits},
         {"empty support list", kDevice, "[]"},
@@ -100,9 +94,8 @@ TEST_F(CheckCommand, MatchingFollowsTheSupportListExactly)
     }
 }
 
-TEST_F(CheckCommand, WalkAlongTheChain)
+TEST_F(CheckCommand, WalkAlongTheChainAndTheDeviceRecords)
 {
-    raw_device dev(raw_device::layout(kDevice));
     const std::vector<uint8_t> second_fits = pack_images(
         dir, {{kOther, "", "", {{"kernel", "k"}}}, {kFits, "", "", {{"kernel", "k2"}}}});
     const uint32_t next = be32(second_fits.data() + 28);
@@ -110,23 +103,28 @@ TEST_F(CheckCommand, WalkAlongTheChain)
     bad_magic[0] ^= 1; // outside the signature: only the magic test sees it
     std::vector<uint8_t> loop = pack_images(
         dir, {{kOther, "", "", {{"kernel", "k"}}}, {kOther, "", "", {{"kernel", "k2"}}}});
-    loop[next + 31] = static_cast<uint8_t>(next); // the last image points back at itself
-    loop[next + 30] = static_cast<uint8_t>(next >> 8);
-    loop[next + 29] = static_cast<uint8_t>(next >> 16);
+    for (int i = 0; i < 4; i++) // the last image points back at itself
+        loop[next + 28 + i] = static_cast<uint8_t>(next >> (24 - 8 * i));
     resign_firmware(loop);
-    std::vector<uint8_t> outside = one_image(kFits);
-    const std::string table(reinterpret_cast<const char *>(outside.data()) + 4160);
-    const size_t at = table.find("0x", table.find("size", table.find("support-list")));
-    const std::string huge = "0x7FFFFFFF";
-    std::copy(huge.begin(), huge.end(), outside.begin() + 4160 + static_cast<long>(at));
+    const std::vector<uint8_t> fits = one_image(kFits);
+    std::vector<uint8_t> outside = fits;
+    set_entry_size(outside, "support-list", "0x7FFFFFFF");
     resign_firmware(outside);
     const std::vector<uint8_t> short_file(outside.begin(), outside.begin() + 69695);
+    std::vector<raw_ptn> garbage = raw_device::layout(kDevice), none = garbage, erased = garbage;
+    garbage[1].content = "garbage";
+    none[1].name = "devinfo";
+    none[2].name = "devinfo.b";
+    erased[0].content = std::string(16, '\xff');
 
     struct {
         const char *what;
         std::vector<uint8_t> file;
-        std::vector<std::string> traces; // that must appear once, the walk's last one last
-        size_t images;                   // "up.bin buf" lines
+        // Traces that must appear once, the last one last; one starting with '/' is a path
+        // below the root.
+        std::vector<std::string> traces;
+        size_t images; // "up.bin buf" lines
+        std::vector<raw_ptn> ptns = raw_device::layout(kDevice);
     } cases[] = {
         {"second image fits",
          second_fits,
@@ -151,56 +149,37 @@ TEST_F(CheckCommand, WalkAlongTheChain)
          {"firmware header truncated, file size is 69695, minimal header size is 69696.",
           "Firmware header validate *FAILED*."},
          1},
+        {"damaged device-info, good device-info.b",
+         fits,
+         {"flash[0x00010000] is not a valid partition.",
+          "dev_info: device-info.b, model_name: VR100.", kUpgradable},
+         1,
+         garbage},
+        {"neither copy of device-info",
+         fits,
+         {"PTN[device-info] not found.", "PTN[device-info.b] not found.",
+          "Faield to get device info of FLASH.", kRefused},
+         1,
+         none},
+        {"erased partition table: nothing else is looked at",
+         fits,
+         {"/dev/mtd1 is not a valid partition.", "Failed to build ptn_table of flash"},
+         0,
+         erased},
     };
     for (const auto &c : cases) {
+        raw_device dev(c.ptns);
         const check_run r = check(dev, c.file);
         EXPECT_EQ(c.traces.back() == kUpgradable ? 0 : -1, r.result) << c.what;
         for (const std::string &t : c.traces)
-            EXPECT_EQ(1u, count_trace(r.out, t)) << c.what << ": " << t << "\n" << r.out;
+            EXPECT_EQ(1u, count_trace(r.out, t[0] == '/' ? dev.at(t) : t))
+                << c.what << ": " << t << "\n"
+                << r.out;
         EXPECT_EQ(c.traces.back(), r.last) << c.what;
         size_t images = 0;
         for (const std::string &t : trace_messages(r.out))
             images += t.rfind("up.bin buf  = ", 0) == 0;
         EXPECT_EQ(c.images, images) << c.what;
-    }
-}
-
-TEST_F(CheckCommand, DeviceRecordsAndTheirFallBack)
-{
-    const std::vector<uint8_t> file = one_image(kFits);
-    std::vector<raw_ptn> garbage = raw_device::layout(kDevice), none = garbage, erased = garbage;
-    garbage[1].content = "garbage";
-    none[1].name = "devinfo";
-    none[2].name = "devinfo.b";
-    erased[0].content = std::string(16, '\xff');
-    struct {
-        const char *what;
-        std::vector<raw_ptn> ptns;
-        std::vector<std::string> traces; // that must appear once; a path below the root
-        std::string last;
-    } cases[] = {
-        {"damaged device-info, good device-info.b",
-         garbage,
-         {"flash[0x00010000] is not a valid partition.",
-          "dev_info: device-info.b, model_name: VR100."},
-         kUpgradable},
-        {"neither copy",
-         none,
-         {"PTN[device-info] not found.", "PTN[device-info.b] not found.",
-          "Faield to get device info of FLASH."},
-         kRefused},
-        {"erased partition table: nothing else is looked at",
-         erased,
-         {"/dev/mtd1 is not a valid partition."},
-         "Failed to build ptn_table of flash"},
-    };
-    for (const auto &c : cases) {
-        raw_device dev(c.ptns);
-        const check_run r = check(dev, file);
-        EXPECT_EQ(c.last == kUpgradable ? 0 : -1, r.result) << c.what;
-        for (const std::string &t : c.traces)
-            EXPECT_EQ(1u, count_trace(r.out, t[0] == '/' ? dev.at(t) : t)) << c.what << ": " << t;
-        EXPECT_EQ(c.last, r.last) << c.what << r.out;
     }
     const std::string out = capture_stdout([] { EXPECT_EQ(-1, vireo_firmware_check(nullptr)); });
     EXPECT_EQ(std::vector<std::string>{"Invalid param, (nil)."}, trace_messages(out));

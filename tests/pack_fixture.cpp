@@ -2,6 +2,7 @@
 
 #include "firmware/vireo_firmware_integrity.h"
 
+#include <cstring>
 #include <memory>
 
 std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manifest,
@@ -18,6 +19,14 @@ std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manif
         return {};
     const std::string data = read_file(dir.join("up.bin"));
     return std::vector<uint8_t>(data.begin(), data.end());
+}
+
+void set_entry_size(std::vector<uint8_t> &file, const std::string &name, const std::string &hex)
+{
+    const char *list = reinterpret_cast<const char *>(file.data()) + FIRMWARE_HEADER_SIZE;
+    const std::string text(list, strnlen(list, UP_PTN_TABLE_SIZE));
+    const size_t at = text.find("0x", text.find("size", text.find(name)));
+    std::copy(hex.begin(), hex.end(), file.begin() + FIRMWARE_HEADER_SIZE + static_cast<long>(at));
 }
 
 std::string two_image_manifest(const temp_dir &dir)

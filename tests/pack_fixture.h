@@ -14,6 +14,10 @@
 std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manifest,
                                    std::string *error = nullptr);
 
+// Sets the size of the first entry named name in the partition list of the image at
+// offset 0 to hex (as many characters as it has now); the file then needs a new signature.
+void set_entry_size(std::vector<uint8_t> &file, const std::string &name, const std::string &hex);
+
 // Two images: the first carries partition-table, support-list, firmware-info, kernel and
 // rootfs; the second support-list, the same kernel (shared, pointing back) and extra.
 std::string two_image_manifest(const temp_dir &dir);

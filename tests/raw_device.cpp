@@ -1,17 +1,11 @@
 #include "raw_device.h"
 
+#include "common/vireo_common.h"
 #include "pack_fixture.h"
 #include "ptn/vireo_extra_para.h"
 
 #include <dirent.h>
 #include <stdexcept>
-
-static std::string hex(uint32_t v)
-{
-    char buf[16];
-    snprintf(buf, sizeof(buf), "0x%08X", v);
-    return buf;
-}
 
 std::string devinfo_json(const std::string &model, const std::string &version,
                          const std::string &special_id, const std::string &flash_version)
@@ -33,10 +27,10 @@ std::string fwinfo_json(const std::string &version)
 
 std::string table_json(const std::vector<raw_ptn> &ptns, uint32_t disk_size)
 {
-    std::string s = "{\"disk-size\":\"" + hex(disk_size) + "\",\"partition-table\":[";
+    std::string s = vireo_strf(R"({"disk-size":"0x%08X","partition-table":[)", disk_size);
     for (size_t i = 0; i < ptns.size(); i++)
-        s += std::string(i ? "," : "") + "{\"name\":\"" + ptns[i].name + "\",\"base\":\"" +
-             hex(ptns[i].base) + "\",\"size\":\"" + hex(ptns[i].size) + "\",\"attr\":\"0x0\"}";
+        s += vireo_strf(R"(%s{"name":"%s","base":"0x%08X","size":"0x%08X","attr":"0x0"})",
+                        i ? "," : "", ptns[i].name.c_str(), ptns[i].base, ptns[i].size);
     return s + "]}";
 }
 
@@ -84,6 +78,12 @@ std::string entry_json(const std::string &model, const std::string &version,
     if (!flash_version.empty())
         s += ",\"flash_version\":\"" + flash_version + "\"";
     return s + "}";
+}
+
+std::string one_entry_list(const std::string &model, const std::string &version,
+                           const std::string &special_id, const std::string &flash_version)
+{
+    return "[" + entry_json(model, version, special_id, flash_version) + "]";
 }
 
 std::string fw_manifest(const temp_dir &dir, const std::vector<fw_image> &images)

@@ -127,7 +127,7 @@ TEST_F(UbiMode, SupportListMatchWithSettings)
         {"00000001 means nothing special", "", list, nullptr},
         {"unless listed", "config special_id_support_list\n\tlist special_id '00000001'\n", list,
          "match by support list entry 1 (VR100, 1.0, 00000001, 00000000)!"},
-        {"model in other case", "", "[" + entry_json("vr100", "1.0", "55530000") + "]", nullptr},
+        {"model in other case", "", one_entry_list("vr100", "1.0", "55530000"), nullptr},
     };
     for (const auto &c : cases) {
         ubi_device dev;
@@ -147,9 +147,8 @@ TEST_F(UbiMode, CheckWalksTheChainAndFailsWithoutDevice)
 {
     ubi_device dev;
     const std::string version = fwinfo_json("1.4.1 Build 1 Rel.1");
-    pack_images(
-        dir, {{"[" + entry_json("VR200", "1.0", "55530000") + "]", "", version, {{"kernel", "k"}}},
-              {kFits, "", version, {{"kernel", "k2"}}}});
+    pack_images(dir, {{one_entry_list("VR200", "1.0", "55530000"), "", version, {{"kernel", "k"}}},
+                      {kFits, "", version, {{"kernel", "k2"}}}});
     run r = command();
     EXPECT_EQ(0, r.result) << r.out;
     EXPECT_TRUE(has_trace(r.out, "Firmware is not allowed to upgrade into this device."));
