@@ -47,15 +47,6 @@ TEST(PtnNameValidate, AcceptsTheNameAlphabetOnly)
         EXPECT_EQ(0, viero_ptn_name_validate(bad)) << bad;
 }
 
-TEST(HexToU32, KeepsLowThirtyTwoBits)
-{
-    EXPECT_EQ(0x10000u, vireo_hex_to_u32("10000"));
-    EXPECT_EQ(0x10000u, vireo_hex_to_u32("  0x10000"));
-    EXPECT_EQ(0u, vireo_hex_to_u32("zz"));
-    EXPECT_EQ(0xFFFF0000u, vireo_hex_to_u32("0xFFFF0000"));
-    EXPECT_EQ(0xFFFFFFF0u, vireo_hex_to_u32("-10"));
-}
-
 TEST(PlatformPath, PrefixesTheRootAndStripsItAgain)
 {
     char buf[256];

@@ -59,32 +59,6 @@ TEST(FileIo, InPlaceWriteStaysInsideTheFile)
     EXPECT_EQ(data, read_file(path));
 }
 
-TEST(FileIo, BlockModePadsOnlyTheLastUnit)
-{
-    temp_dir dir;
-    const std::string path = dir.write("mtd", std::string(16384, '\0'));
-    const std::string data = pattern(5000, 3);
-    uint32_t wrote = 0;
-    std::string out = capture_stdout([&] {
-        EXPECT_EQ(0, vireo_file_write_by_offset_block_mode(path.c_str(), 100, bytes(data), 5000,
-                                                           2048, &wrote));
-    });
-    EXPECT_EQ(5000u, wrote);
-    // The third unit is padded with 0xFF; nothing beyond it is touched.
-    EXPECT_EQ(std::string(100, '\0') + data + std::string(1144, '\xff') +
-                  std::string(16384 - 6244, '\0'),
-              read_file(path));
-    EXPECT_EQ((std::vector<std::string>{
-                  "open no O_SYNC",
-                  path + " write 0x00001388(5000) bytes at offset 0x00000064 : start ...",
-                  path + " write 0x00001388(5000) bytes at offset 0x00000064 : finish."}),
-              trace_messages(out));
-    const std::string unit(4096, 'U');
-    EXPECT_EQ(0, vireo_file_write_by_offset_block_mode(path.c_str(), 8192, bytes(unit), 4096, 2048,
-                                                       &wrote));
-    EXPECT_EQ(std::string(4096, '\0'), read_file(path).substr(12288)) << "whole units: no padding";
-}
-
 TEST(FileIo, BlockModeBoundsAndShortLastUnit)
 {
     temp_dir dir;

@@ -1,9 +1,9 @@
 #include "firmware/vireo_firmware_up_ptn_table.h"
 
 #include "common/vireo_common.h"
-#include "pack_fixture.h"
+#include "unit_fixture.h"
 
-#include <cstring>
+#include <climits>
 #include <gtest/gtest.h>
 
 namespace
@@ -13,12 +13,10 @@ using table_ptr = std::unique_ptr<up_ptn_table, decltype(&vireo_firmware_up_ptn_
 
 table_ptr build(const std::string &json, std::string *out)
 {
-    table_ptr t(nullptr, vireo_firmware_up_ptn_table_destroy);
-    *out = capture_stdout([&] {
-        cjson_ptr root(cJSON_Parse(json.c_str()), cJSON_Delete);
-        t.reset(vireo_firmware_up_ptn_table_build_by_json(root.get()));
-    });
-    return t;
+    cjson_ptr root(cJSON_Parse(json.c_str()), cJSON_Delete);
+    return table_ptr(
+        quietly([&] { return vireo_firmware_up_ptn_table_build_by_json(root.get()); }, out),
+        vireo_firmware_up_ptn_table_destroy);
 }
 
 std::string entries(int n)
@@ -95,71 +93,64 @@ TEST(UpPtnTable, RefusesBadDocuments)
 
 TEST(UpPtnTable, BuiltFromImageRegionOnlyWhenItIsSound)
 {
-    temp_dir dir;
-    std::vector<uint8_t> file = pack_firmware(dir, two_image_manifest(dir)), full = file,
-                         garbage = file;
-    const int32_t size = static_cast<int32_t>(file.size());
-    const auto from_image = [&](std::vector<uint8_t> &buf, uint32_t header_len, uint32_t total_len,
-                                std::string *out) {
-        firmware_header header{};
-        header.header_len = header_len;
-        header.total_len = total_len;
-        table_ptr t(nullptr, vireo_firmware_up_ptn_table_destroy);
-        *out = capture_stdout([&] {
-            t.reset(vireo_firmware_up_ptn_table_build_by_fimware(buf.data(), size, &header));
-        });
-        return t;
-    };
-    std::string out;
-    table_ptr t = from_image(file, FIRMWARE_HEADER_SIZE, size, &out);
-    ASSERT_TRUE(t) << out;
-    EXPECT_EQ(5u, t->ptn_cnt);
-    EXPECT_STREQ("partition-table", t->ptns[0].name);
-    // A region reaching past the buffer or the image is refused before it is read.
-    EXPECT_FALSE(from_image(file, size - UP_PTN_TABLE_SIZE + 1, size, &out));
-    EXPECT_EQ(1u, trace_messages(out).size()) << out;
-    EXPECT_FALSE(
-        from_image(file, FIRMWARE_HEADER_SIZE, FIRMWARE_HEADER_SIZE + UP_PTN_TABLE_SIZE - 1, &out));
-    EXPECT_EQ(1u, trace_messages(out).size()) << out;
-    // A region without a NUL byte is no text; text that is not JSON is no table.
-    memset(full.data() + FIRMWARE_HEADER_SIZE, '{', UP_PTN_TABLE_SIZE);
-    EXPECT_FALSE(from_image(full, FIRMWARE_HEADER_SIZE, size, &out));
-    EXPECT_EQ(1u, trace_messages(out).size()) << out;
+    const int32_t size = FIRMWARE_HEADER_SIZE + UP_PTN_TABLE_SIZE;
+    const std::string doc = entries(2);
+    std::vector<uint8_t> image(size, 0), no_nul = image, garbage = image;
+    std::copy(doc.begin(), doc.end(), image.begin() + FIRMWARE_HEADER_SIZE);
+    std::fill(no_nul.begin() + FIRMWARE_HEADER_SIZE, no_nul.end(), '{');
     garbage[FIRMWARE_HEADER_SIZE] = 'x';
-    EXPECT_FALSE(from_image(garbage, FIRMWARE_HEADER_SIZE, size, &out));
-    EXPECT_TRUE(has_trace(out, "Failed to parse up_ptn_table json."));
+    const struct {
+        const std::vector<uint8_t> &buf;
+        uint32_t header_len, total_len;
+        std::string trace; // the one message of a refusal, or empty when the table is built
+    } cases[] = {
+        {image, FIRMWARE_HEADER_SIZE, size, ""},
+        // A region reaching past the buffer or the image is refused before it is read.
+        {image, FIRMWARE_HEADER_SIZE + 1, size + 1,
+         "up_ptn_table region [4161, +65536) lies outside the image of 69696 bytes."},
+        {image, FIRMWARE_HEADER_SIZE, size - 1,
+         "up_ptn_table region [4160, +65536) lies outside the image of 69696 bytes."},
+        // A region without a NUL byte is no text; text that is not JSON is no table.
+        {no_nul, FIRMWARE_HEADER_SIZE, size, "up_ptn_table region holds no NUL-terminated text."},
+        {garbage, FIRMWARE_HEADER_SIZE, size, "Failed to parse up_ptn_table json."},
+    };
+    for (const auto &c : cases) {
+        firmware_header header{};
+        header.header_len = c.header_len;
+        header.total_len = c.total_len;
+        table_ptr t(nullptr, vireo_firmware_up_ptn_table_destroy);
+        const std::string out = capture_stdout([&] {
+            t.reset(vireo_firmware_up_ptn_table_build_by_fimware(c.buf.data(), size, &header));
+        });
+        EXPECT_EQ(c.trace.empty(), t && t->ptn_cnt == 2) << c.trace;
+        if (!c.trace.empty()) {
+            EXPECT_EQ(std::vector<std::string>{c.trace}, trace_messages(out));
+        }
+    }
 }
 
 TEST(UpPtnTable, ContentExtentsStayInsideTheFile)
 {
-    temp_dir dir;
-    std::vector<uint8_t> file = pack_firmware(dir, two_image_manifest(dir));
-    const uint32_t size = static_cast<uint32_t>(file.size());
-    const uint32_t payload = be32(file.data() + 28) + FIRMWARE_HEADER_SIZE + UP_PTN_TABLE_SIZE;
-    // The second image's kernel points back at the first image's copy.
-    const std::string want = read_file(dir.join("kernel.bin"));
-    std::string kernel;
-    capture_stdout([&] {
-        walk_images(file, 0, [&](int32_t offset, const firmware_header &, up_ptn_table *t) {
-            if (offset > 0 && t && std::string("kernel") == t->ptns[1].name && t->ptns[1].base < 0)
-                if (const uint8_t *c =
-                        vireo_firmware_ptn_content(file.data(), size, payload, &t->ptns[1]))
-                    kernel.assign(reinterpret_cast<const char *>(c), want.size());
-        });
-    });
-    EXPECT_EQ(want, kernel);
-
-    // Before the start of the file (a negative base in the first image) or past its end.
-    up_ptn_info before{"x", -FIRMWARE_MIN_SIZE - 1, 10};
-    up_ptn_info past{"y", static_cast<int32_t>(size - payload), 1};
-    std::string out = capture_stdout([&] {
-        EXPECT_FALSE(vireo_firmware_ptn_content(file.data(), size, FIRMWARE_MIN_SIZE, &before));
-        EXPECT_FALSE(vireo_firmware_ptn_content(file.data(), size, payload, &past));
-    });
-    EXPECT_TRUE(has_trace(out, "PTN[y] base " + std::to_string(past.base) +
-                                   " size 1 lies outside the firmware file (" +
-                                   std::to_string(size) + " bytes)."));
-    past.size = 0;
-    EXPECT_TRUE(vireo_firmware_ptn_content(file.data(), size, payload, &past))
-        << "an empty content at the very end is inside";
+    // A file of 1000 bytes whose payload starts at 100: a negative base may reach back to
+    // the file's first byte, never before it.
+    const std::vector<uint8_t> file(1000, 0);
+    const struct {
+        int32_t base;
+        uint32_t size;
+        bool inside;
+    } cases[] = {
+        {-100, 1000, true},      {-101, 10, false},     {0, 900, true},
+        {0, 901, false},         {900, 0, true},        {900, 1, false},
+        {1, 0xFFFFFFFFu, false}, {INT32_MAX, 0, false}, {INT32_MIN, 0, false},
+    };
+    for (const auto &c : cases) {
+        const up_ptn_info entry{"x", c.base, c.size};
+        std::string out;
+        const uint8_t *at = quietly(
+            [&] { return vireo_firmware_ptn_content(file.data(), 1000, 100, &entry); }, &out);
+        EXPECT_EQ(c.inside ? file.data() + 100 + c.base : nullptr, at) << c.base << " " << c.size;
+        EXPECT_EQ(!c.inside, has_trace(out, vireo_strf("PTN[x] base %d size %u lies outside the "
+                                                       "firmware file (1000 bytes).",
+                                                       c.base, c.size)));
+    }
 }
