@@ -98,3 +98,19 @@ TEST(PtnTableUpdate, MovesCarryTheFlashAsItWas)
     EXPECT_TRUE(has_trace(out, "PTN[s] move to {0x0000f800:0x00001000} failed."));
     EXPECT_TRUE(flash == dev.bytes("/dev/mtd0")) << "nothing written";
 }
+
+TEST(PtnTableUpdate, FlashTableIsReadFromTheFirst64KiB)
+{
+    // A table behind a content header, padded with spaces to fill the first 65536 bytes
+    // of its partition exactly, or to reach one byte past them.
+    const std::string json = table_json({{"partition-table", 0, 0x20000, ""}}, 0x100000);
+    for (size_t length : {size_t(0x10000 - 16), size_t(0x10000 - 15)}) {
+        const std::string content =
+            with_content_header(json + std::string(length - json.size(), ' '));
+        raw_device dev({{"partition-table", 0, 0x20000, content}}, 0x100000);
+        std::string out;
+        table_ptr t(quietly([] { return vireo_fireware_build_ptn_table_by_flash(); }, &out),
+                    vireo_ptn_destroy);
+        EXPECT_EQ(length + 16 <= 0x10000, t != nullptr) << length << out.substr(0, 2000);
+    }
+}
