@@ -1,26 +1,15 @@
+// The partition module: partition tables and the content header in front of records.
 #include "ptn/vireo_ptn.h"
+#include "ptn/vireo_ptn_header.h"
 
 #include "common/vireo_common.h"
-#include "test_util.h"
+#include "fake_root.h"
+#include "unit_fixture.h"
 
 #include <gtest/gtest.h>
-#include <memory>
 
 namespace
 {
-
-using table_ptr = std::unique_ptr<ptn_table, decltype(&vireo_ptn_destroy)>;
-
-table_ptr build(const std::string &json, std::string *out = nullptr)
-{
-    table_ptr t(nullptr, vireo_ptn_destroy);
-    const std::string text = capture_stdout([&] {
-        t.reset(vireo_ptn_build_by_json_data(json.data(), static_cast<int32_t>(json.size())));
-    });
-    if (out)
-        *out = text;
-    return t;
-}
 
 std::string ptn(const std::string &name, const std::string &base, const std::string &size,
                 const std::string &attr = "0x0")
@@ -44,6 +33,23 @@ std::string doc_of(int n)
     for (int i = 0; i < n; i++)
         ptns.push_back(ptn("p" + std::to_string(i), vireo_strf("0x%x", i * 0x100), "0x100"));
     return doc(ptns);
+}
+
+struct header_run {
+    int32_t verify, content, offset = -1, length = -1;
+    std::string out;
+};
+
+// Both readers of the header on the first size bytes of buf.
+header_run read_header(const std::string &buf, int32_t size)
+{
+    header_run r{};
+    const uint8_t *p = reinterpret_cast<const uint8_t *>(buf.data());
+    r.out = capture_stdout([&] {
+        r.verify = vireo_ptn_header_verify(p, size);
+        r.content = vireo_ptn_header_get_content_pos(p, size, &r.offset, &r.length);
+    });
+    return r;
 }
 
 } // namespace
@@ -92,7 +98,7 @@ TEST(PtnTable, RefusedDocumentsNameTheirFault)
     };
     for (const auto &c : cases) {
         std::string out;
-        EXPECT_FALSE(build(c.json, &out)) << c.json;
+        EXPECT_FALSE(ptn_table_of(c.json, &out)) << c.json;
         EXPECT_TRUE(has_trace(out, c.message)) << c.message << "\n" << out;
         EXPECT_EQ(c.validation, has_trace(out, "ptn table validate failed.")) << c.message;
         EXPECT_TRUE(has_trace(out, "Failed to parse json -> ptn table struct.")) << c.message;
@@ -101,19 +107,20 @@ TEST(PtnTable, RefusedDocumentsNameTheirFault)
 
 TEST(PtnTable, AcceptedDocumentsAndWhatTheyHold)
 {
-    std::string out;
-    table_ptr t = build(doc_of(64));
+    ptn_table_ptr t = ptn_table_of(doc_of(64));
     ASSERT_TRUE(t);
-    EXPECT_EQ(64u, t->ptn_cnt);
     EXPECT_EQ(0x3F00u, t->ptns[63].base);
-    const std::string n31(31, 'a');
-    t = build(doc({ptn(n31, "0", "1")}));
-    ASSERT_TRUE(t);
-    EXPECT_STREQ(n31.c_str(), t->ptns[0].name);
-    // Hexadecimal forms as strtol reads them; member names in any letter case.
-    t = build(doc({ptn("a", "10000", "0x10"), ptn("b", "0x20000", "0X10"),
-                   ptn("c", "0X30000", " 10zz"), ptn("d", "0x40000", "1", "zz")}),
-              &out);
+    // Ending exactly at the disk's end, gaps between partitions, a name of 31 characters
+    // and no partitions at all.
+    for (const std::string &json :
+         {doc({ptn("a", "0xFFFFF0", "0x10")}), doc({ptn("a", "0", "0x10"), ptn("b", "0x100", "1")}),
+          doc({ptn(std::string(31, 'a'), "0", "1")}), doc({})})
+        EXPECT_TRUE(ptn_table_of(json)) << json;
+    // Hexadecimal forms as strtol reads them.
+    std::string out;
+    t = ptn_table_of(doc({ptn("a", "10000", "0x10"), ptn("b", "0x20000", "0X10"),
+                          ptn("c", "0X30000", " 10zz"), ptn("d", "0x40000", "1", "zz")}),
+                     &out);
     ASSERT_TRUE(t) << out;
     EXPECT_EQ(0x10000u, t->ptns[0].base);
     EXPECT_EQ(0x20000u, t->ptns[1].base);
@@ -122,42 +129,94 @@ TEST(PtnTable, AcceptedDocumentsAndWhatTheyHold)
     EXPECT_EQ(0u, t->ptns[3].attr);
     EXPECT_TRUE(
         has_trace(out, "PTN  1 : name 'b' base 0x00020000 size 0x00000010 attr 0x00000000"));
-    t = build(
+    // Lookups by name are whole and letter case counts.
+    EXPECT_EQ(2, vireo_ptn_get_index_by_name(t.get(), "c"));
+    for (const char *other : {"C", "cc", ""})
+        EXPECT_EQ(-1, vireo_ptn_get_index_by_name(t.get(), other)) << other;
+    // Member names in any letter case.
+    t = ptn_table_of(
         R"({"DISK-SIZE":"0x100","Partition-Table":[{"Name":"x","BASE":"0x10","Size":"0x10","aTTr":"0x3"}]})");
     ASSERT_TRUE(t);
     EXPECT_EQ(0x100u, t->disk_size);
     EXPECT_STREQ("x", t->ptns[0].name);
     EXPECT_EQ(0x10u, t->ptns[0].base);
     EXPECT_EQ(3u, t->ptns[0].attr);
-    // Ending exactly at the disk's end, gaps between partitions and no partitions at all.
-    EXPECT_TRUE(build(doc({ptn("a", "0xFFFFF0", "0x10")})));
-    EXPECT_TRUE(build(doc({ptn("a", "0x0", "0x10"), ptn("b", "0x100", "0x10")})));
-    t = build(doc({}));
-    ASSERT_TRUE(t);
-    EXPECT_EQ(0u, t->ptn_cnt);
 }
 
-TEST(PtnTable, JsonRoundTripWritesEightUpperCaseDigits)
+TEST(PtnTable, JsonWritesEightUpperCaseDigits)
 {
-    table_ptr t = build(doc({ptn("boot", "0", "abc", "0X7"), ptn("rootfs", "10000", "0x20")}));
+    ptn_table_ptr t = ptn_table_of(doc({ptn("boot", "0", "abc", "0X7")}));
     ASSERT_TRUE(t);
     cjson_ptr json(vireo_ptn_build_json(t.get()), cJSON_Delete);
     ASSERT_TRUE(json);
     char *text = cJSON_PrintUnformatted(json.get());
-    EXPECT_STREQ("{\"disk-size\":\"0x01000000\",\"partition-table\":["
-                 "{\"name\":\"boot\",\"base\":\"0x00000000\",\"size\":\"0x00000ABC\",\"attr\":"
-                 "\"0x00000007\"},"
-                 "{\"name\":\"rootfs\",\"base\":\"0x00010000\",\"size\":\"0x00000020\",\"attr\":"
-                 "\"0x00000000\"}]}",
+    EXPECT_STREQ("{\"disk-size\":\"0x01000000\",\"partition-table\":[{\"name\":\"boot\",\"base\":"
+                 "\"0x00000000\",\"size\":\"0x00000ABC\",\"attr\":\"0x00000007\"}]}",
                  text);
     cJSON_free(text);
 }
 
-TEST(PtnTable, LookupByNameIsExactAndCaseSensitive)
+TEST(PtnHeader, ContentOfFiveBytesNeedsTwentyOneByteBuffer)
 {
-    table_ptr t = build(doc({ptn("boot", "0", "0x10"), ptn("Boot", "0x10", "0x10")}));
-    ASSERT_TRUE(t);
-    EXPECT_EQ(0, vireo_ptn_get_index_by_name(t.get(), "boot"));
-    EXPECT_EQ(1, vireo_ptn_get_index_by_name(t.get(), "Boot"));
-    EXPECT_EQ(-1, vireo_ptn_get_index_by_name(t.get(), "boo"));
+    const std::string buf = content_header(5) + "xxxxx";
+    header_run r = read_header(buf, 21);
+    EXPECT_EQ(1, r.verify);
+    EXPECT_EQ(1, r.content);
+    EXPECT_EQ(16, r.offset);
+    EXPECT_EQ(5, r.length);
+    EXPECT_NE(std::string::npos, r.out.find("magic_0     0xaa55d98f\n"
+                                            "magic_1     0x04e955aa\n"
+                                            "length      0x00000005 (5)\n"
+                                            "checksum    0x00000000\n"));
+    r = read_header(buf, 20);
+    EXPECT_EQ(0, r.verify + r.content);
+    EXPECT_EQ(std::vector<std::string>(2, "content[5]+header[16] > bufsize[20]"),
+              trace_messages(r.out));
+}
+
+TEST(PtnHeader, RefusedHeaders)
+{
+    // A length near 4 GiB must not wrap: 0xFFFFFFF0 + 16 is 0 in 32 bits.
+    header_run r = read_header(content_header(0xFFFFFFF0u) + std::string(48, '\0'), 64);
+    EXPECT_EQ(0, r.verify + r.content);
+    EXPECT_TRUE(has_trace(r.out, "content[4294967280]+header[16] > bufsize[64]"));
+    // The magic in little-endian order.
+    std::string little = content_header(0);
+    for (size_t w = 0; w < 8; w += 4)
+        std::reverse(little.begin() + w, little.begin() + w + 4);
+    r = read_header(little, 16);
+    EXPECT_EQ(0, r.verify + r.content);
+    EXPECT_TRUE(has_trace(r.out, "Magic unmatch.magic_0[0x8fd955aa],magic_1[0xaa55e904]"));
+    EXPECT_TRUE(has_trace(r.out, "Magic unmatch."));
+    // A buffer too short for a header, before any dump; no place for the length.
+    r = read_header(content_header(0), 15);
+    const std::string valid = content_header(0);
+    int32_t length;
+    r.out += capture_stdout([&] {
+        EXPECT_EQ(0, vireo_ptn_header_get_content_pos(
+                         reinterpret_cast<const uint8_t *>(valid.data()), 16, nullptr, &length));
+    });
+    EXPECT_EQ(0, r.verify + r.content);
+    EXPECT_EQ(std::string::npos, r.out.find("magic_0")) << r.out;
+    EXPECT_EQ(3u, trace_messages(r.out).size());
+    // A non-zero checksum is reported but accepted.
+    r = read_header(content_header(0, 1), 16);
+    EXPECT_EQ(2, r.verify + r.content);
+    EXPECT_TRUE(has_trace(r.out, "Invalid checksum(0x00000001), skip it for NOW."));
+}
+
+TEST(PtnHeader, AddWritesBigEndianHeader)
+{
+    std::vector<uint8_t> buf(32, 0xEE);
+    EXPECT_EQ(16, vireo_ptn_header_add(buf.data(), 16, buf.data() + 16, 0));
+    EXPECT_EQ(content_header(0), std::string(buf.begin(), buf.begin() + 16));
+    EXPECT_EQ(16, vireo_ptn_header_add(buf.data(), 32, buf.data() + 16, 0x01020304));
+    EXPECT_EQ(content_header(0x01020304), std::string(buf.begin(), buf.begin() + 16));
+    std::vector<uint8_t> untouched(32, 0xEE);
+    std::string out = capture_stdout([&] {
+        EXPECT_EQ(-1, vireo_ptn_header_add(untouched.data(), 32, untouched.data(), -1));
+        EXPECT_EQ(-1, vireo_ptn_header_add(untouched.data(), 15, untouched.data(), 1));
+    });
+    EXPECT_EQ(std::vector<uint8_t>(32, 0xEE), untouched);
+    EXPECT_TRUE(has_trace(out, "Invlaid contenct_size(-1)"));
 }
