@@ -121,9 +121,6 @@ TEST(Settings, SpecialIdsComeFromTheListOfTheFirstSection)
     EXPECT_EQ(0, accepts("4a500000")) << "case-sensitive";
     EXPECT_EQ(0, accepts("99990000")) << "only the first section of the type counts";
     EXPECT_EQ(0, accepts("aaaa")) << "a section of another type";
-    root.write("etc/profile.d/profile", "config special_id_support_list\n"
-                                        "\toption special_id 'bbbb'\n");
-    EXPECT_EQ(0, accepts("bbbb")) << "a plain option of that name";
 }
 
 // A file with bad syntax (rows of kUciRows) fails to load as a missing file does.
