@@ -35,12 +35,8 @@ class Integrity : public ::testing::Test
     int32_t check(bytes &buf, std::string *out = nullptr)
     {
         rsa_passed = 0;
-        int32_t r = 0;
-        const std::string text = capture_stdout(
-            [&] { r = vireo_check_rsa(buf.data(), static_cast<uint32_t>(buf.size())); });
-        if (out)
-            *out = text;
-        return r;
+        return quietly(
+            [&] { return vireo_check_rsa(buf.data(), static_cast<uint32_t>(buf.size())); }, out);
     }
 
     temp_dir dir;

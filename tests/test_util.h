@@ -9,6 +9,16 @@
 // Runs fn with standard output (or standard error) sent to a file; returns what it wrote.
 std::string capture_stdout(const std::function<void()> &fn);
 std::string capture_stderr(const std::function<void()> &fn);
+// Calls fn with its standard output caught; the output goes to *out when one is given.
+template <typename F>
+auto quietly(F &&fn, std::string *out = nullptr)
+{
+    decltype(fn()) result{};
+    const std::string text = capture_stdout([&] { result = fn(); });
+    if (out)
+        *out = text;
+    return result;
+}
 
 // The message parts (text after "| ") of the trace lines in out, in order, each without
 // its line ending. Lines that are not trace lines are skipped.

@@ -14,12 +14,7 @@ namespace
 
 int32_t accepts(const char *id, std::string *out = nullptr)
 {
-    int32_t r = 0;
-    const std::string text =
-        capture_stdout([&] { r = vireo_firmware_check_upgradable_special_id(id); });
-    if (out)
-        *out = text;
-    return r;
+    return quietly([&] { return vireo_firmware_check_upgradable_special_id(id); }, out);
 }
 
 // The items of list special_id in the first section of type special_id_support_list, each

@@ -1,4 +1,4 @@
-// Helpers of the module tests: quiet calls and partition tables built from text.
+// Helpers of the module tests: partition tables built from text.
 #pragma once
 
 #include "ptn/vireo_ptn.h"
@@ -6,17 +6,6 @@
 
 #include <memory>
 #include <string>
-
-// Calls fn with its standard output caught; the output goes to *out when one is given.
-template <typename F>
-auto quietly(F &&fn, std::string *out = nullptr)
-{
-    decltype(fn()) result{};
-    const std::string text = capture_stdout([&] { result = fn(); });
-    if (out)
-        *out = text;
-    return result;
-}
 
 using ptn_table_ptr = std::unique_ptr<ptn_table, decltype(&vireo_ptn_destroy)>;
 
