@@ -132,8 +132,9 @@ TEST(CommandLine, LockFileHoldsThePidAndRefusesASecondInstance)
                                                  std::vector<std::string>{"-U", "-u", "up.bin"}}) {
         r = tool(args);
         EXPECT_EQ(255, r.status);
-        EXPECT_EQ("file: " + kPidFile + " already locked\n"
-                  "The program is already running, exit(-1)!\n",
+        EXPECT_EQ("file: " + kPidFile +
+                      " already locked\n"
+                      "The program is already running, exit(-1)!\n",
                   r.err);
         EXPECT_EQ("", r.out);
     }
