@@ -81,6 +81,13 @@ pack_help_is_synopsis() {
     [ -s "$scratch/forms" ] && diff "$scratch/forms" "$scratch/synopsis"
 }
 
+# The key tool's usage line, without "Usage: ", is a line of its man page's synopsis.
+key_usage_in_synopsis() {
+    "$1" -h | sed -n '1s/^Usage: //p' >"$scratch/forms"
+    section "$2" SYNOPSIS >"$scratch/synopsis"
+    [ -s "$scratch/forms" ] && lines_within "$scratch/forms" "$scratch/synopsis"
+}
+
 # Every option an entry of the page's OPTIONS section names ("-x", "-x arg, --long arg") is one the tool
 # accepts: given before -h, which ends the run with the usage text, it draws no complaint.
 options_accepted() {
@@ -106,20 +113,25 @@ dest=$scratch/dest
 DESTDIR=$dest cmake --install build-install >/dev/null
 check "cmake --install puts the tool, the host tools and the man pages in place" same_files "$dest" \
     usr/sbin/vireo_firmware_upgrade usr/bin/vireo_firmware_pack usr/bin/vireo_key_text \
-    usr/share/man/man8/vireo_firmware_upgrade.8 usr/share/man/man1/vireo_firmware_pack.1
+    usr/share/man/man8/vireo_firmware_upgrade.8 usr/share/man/man1/vireo_firmware_pack.1 \
+    usr/share/man/man1/vireo_key_text.1
 check "the installed programs run" eval "$dest/usr/sbin/vireo_firmware_upgrade -h >/dev/null &&
     $dest/usr/bin/vireo_firmware_pack --help >/dev/null &&
     { $dest/usr/bin/vireo_key_text; [ \$? -eq 2 ]; } 2>/dev/null"
 page8=$dest/usr/share/man/man8/vireo_firmware_upgrade.8
 page1=$dest/usr/share/man/man1/vireo_firmware_pack.1
+pagekey=$dest/usr/share/man/man1/vireo_key_text.1
 check "man -l renders vireo_firmware_upgrade(8) without warnings" render "$page8" "$scratch/page8"
 check "man -l renders vireo_firmware_pack(1) without warnings" render "$page1" "$scratch/page1"
+check "man -l renders vireo_key_text(1) without warnings" render "$pagekey" "$scratch/pagekey"
 check "the usage text's forms are in the synopsis of vireo_firmware_upgrade(8)" \
     usage_in_synopsis "$dest/usr/sbin/vireo_firmware_upgrade" "$scratch/page8"
 check "the options of vireo_firmware_upgrade(8) are the tool's" \
     options_accepted "$dest/usr/sbin/vireo_firmware_upgrade" "$scratch/page8"
 check "vireo_firmware_pack --help and the synopsis of vireo_firmware_pack(1) agree" \
     pack_help_is_synopsis "$dest/usr/bin/vireo_firmware_pack" "$scratch/page1"
+check "vireo_key_text -h names the synopsis of vireo_key_text(1)" \
+    key_usage_in_synopsis "$dest/usr/bin/vireo_key_text" "$scratch/pagekey"
 
 echo "== the OpenWrt package's build =="
 owrt=$root/build-h13/openwrt
