@@ -73,6 +73,7 @@ const std::vector<std::pair<std::string, std::string>> kUciRows = {
     {"config special_id_support_list\nlist special_id \"a\\\"\\b\"\n", "a\"b|"},
     {"config special_id_support_list\nlist special_id\nlist special_id ''\n", "||"},
     {"config special_id_support_list\noption special_id ''\n", "none"},
+    {"config special_id_support_list\nlist special_id a\noption special_id ''\n", "a|"},
     {"config special_id_support_list\noption special_id x\nlist special_id y\n", "x|y|"},
     {"config special_id_support_list\nlist special_id 0000\noption special_id 5553\n", "none"},
     {"config special_id_support_list\nlist special_id a#b\n#\nlist special_id '#'#x\n", "a|#|"},
