@@ -19,4 +19,4 @@ target_compile_definitions(vireo_uci_tests PRIVATE
   VIREO_UCI_PROBE_LIBUCI="$<TARGET_FILE:vireo_uci_probe_libuci>"
   VIREO_UCI_PROBE_READER="$<TARGET_FILE:vireo_uci_probe_reader>")
 add_dependencies(vireo_uci_tests vireo_uci_probe_libuci vireo_uci_probe_reader)
-gtest_discover_tests(vireo_uci_tests DISCOVERY_TIMEOUT 60 PROPERTIES LABELS uci)
+gtest_discover_tests(vireo_uci_tests DISCOVERY_TIMEOUT 60 PROPERTIES LABELS uci TIMEOUT 300)
