@@ -1,9 +1,8 @@
-// The common module: traces, JSON and names, platform paths, device lookups by name and
-// the file helpers.
+// The common module: traces, JSON and names, device lookups by name (under the platform
+// root the fake trees set) and the file helpers.
 #include "common/vireo_common.h"
 #include "common/vireo_device.h"
 #include "common/vireo_file.h"
-#include "common/vireo_platform.h"
 
 #include "fake_root.h"
 
@@ -56,18 +55,6 @@ TEST(PtnNameValidate, AcceptsTheNameAlphabetOnly)
         EXPECT_EQ(1, viero_ptn_name_validate(ok)) << ok;
     for (const char *bad : {"a b", "a/b", "caf\xc3\xa9", "\x80", "tab\t"})
         EXPECT_EQ(0, viero_ptn_name_validate(bad)) << bad;
-}
-
-TEST(PlatformPath, PrefixesTheRootAndStripsItAgain)
-{
-    char buf[256];
-    vireo_platform_set_root("/tmp/fake/");
-    ASSERT_GT(vireo_platform_path(buf, sizeof(buf), VIREO_MTD_NAME_FMT, 3), 0);
-    EXPECT_STREQ("/tmp/fake/sys/class/mtd/mtd3/name", buf);
-    EXPECT_STREQ("/sys/class/mtd/mtd3/name", vireo_platform_strip_root(buf));
-    vireo_platform_set_root(nullptr);
-    ASSERT_GT(vireo_platform_path(buf, sizeof(buf), VIREO_MTD_DEV_FMT, 3), 0);
-    EXPECT_STREQ("/dev/mtd3", buf);
 }
 
 TEST(DeviceLookup, MtdIndexByName)

@@ -85,22 +85,6 @@ struct Rsa : testing::Test {
 
 } // namespace
 
-TEST_F(Rsa, Base64DecodesTheKeyTextAndStopsAtPadding)
-{
-    // The fixture's blob is the decoded key text; the signature tests show it is right.
-    uint8_t out[256];
-    EXPECT_EQ(148, base64_decode(text.data(), 200, out));
-    EXPECT_EQ(0, out[148]) << "a NUL follows the output";
-    EXPECT_EQ(1, base64_decode("QQ==", 4, out));
-    EXPECT_EQ('A', out[0]);
-    EXPECT_EQ(2, base64_decode("QUI=", 4, out));
-    EXPECT_EQ(4, base64_decode("QQ==QUJD", 8, out)) << "padding ends only its group";
-    EXPECT_EQ(0, memcmp(out, "AABC", 4));
-    EXPECT_EQ(3, base64_decode("QUJDRA", 6, out)) << "a short remainder is ignored";
-    EXPECT_EQ(0, base64_decode("", 0, out));
-    EXPECT_EQ(0, base64_decode("QU\xc3\x89", 4, out));
-}
-
 TEST_F(Rsa, AcceptsOpenSslSignatureByTextOrBlob)
 {
     EXPECT_EQ(1, verify_text(text, digest, sig));
