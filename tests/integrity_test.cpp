@@ -7,38 +7,19 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
-
-using bytes = std::vector<uint8_t>;
-
-// vireo_check_rsa as a new run would do it.
-int32_t check(bytes &buf, std::string *out = nullptr)
-{
-    rsa_passed = 0;
-    return quietly([&] { return vireo_check_rsa(buf.data(), static_cast<uint32_t>(buf.size())); },
-                   out);
-}
-
-} // namespace
-
-TEST(Integrity, SignedFilePassesAndEveryChangedByteFromOffset20Fails)
+TEST(Integrity, SignedFilePassesChangedOrShortFilesFail)
 {
     reset_integrity_state();
     temp_dir dir;
     // The smallest signed image keeps the sweep short.
-    const bytes file = pack_firmware(dir, R"({"images": [{"partitions": []}]})");
+    const std::vector<uint8_t> file = pack_firmware(dir, R"({"images": [{"partitions": []}]})");
     ASSERT_EQ(static_cast<size_t>(FIRMWARE_MIN_SIZE), file.size());
-    bytes buf = file;
-    std::string out;
-    EXPECT_EQ(0, check(buf, &out));
+    std::vector<uint8_t> buf = file;
+    std::string out = capture_stdout([&] { EXPECT_EQ(0, vireo_check_rsa(buf.data(), 69696)); });
     EXPECT_EQ(std::vector<std::string>({"Rsa check pass"}), trace_messages(out));
-    // Once a verification passed, later ones pass at once.
-    bytes garbage(500, 0xAB);
-    EXPECT_EQ(0, quietly([&] { return vireo_check_rsa(garbage.data(), 500); }, &out));
-    EXPECT_EQ("", out);
-    // Every byte from offset 20 on; the sanitizer build, many times slower, takes the whole
-    // header region (signature field included) and a stride through the rest.
+    // Every byte from offset 20 on (the command tests change bytes before it); the sanitizer
+    // build, many times slower, takes the whole header region (signature field included)
+    // and a stride through the rest.
     size_t checked = 0;
     std::vector<size_t> passed;
     out = capture_stdout([&] {
@@ -57,24 +38,14 @@ TEST(Integrity, SignedFilePassesAndEveryChangedByteFromOffset20Fails)
     EXPECT_GE(checked, VIREO_SANITIZED ? 4200u : 69676u);
     EXPECT_EQ(checked, count_trace(out, "Rsa check not pass"));
     EXPECT_EQ(file, buf) << "every check put the buffer back";
-    for (size_t p = 0; p < 20; p++) {
-        buf[p] ^= 0xFF;
-        EXPECT_EQ(0, check(buf)) << "byte " << p << " is not covered";
-        buf[p] ^= 0xFF;
-    }
-    reset_integrity_state();
-}
 
-TEST(Integrity, ShortFilesAreRefusedWithoutReadingPastThem)
-{
     // Short heads and a missing digest file the command tests cover; these are read here.
     reset_integrity_state();
-    temp_dir dir;
     const std::string short_head = dir.write("head", std::string(431, 'x'));
     const std::string short_md5 = dir.write("m15", std::string(15, 'x'));
     const std::string empty = dir.write("empty", "");
-    bytes tiny(10, 0);
-    const std::string out = capture_stdout([&] {
+    const std::vector<uint8_t> tiny(10, 0);
+    out = capture_stdout([&] {
         EXPECT_EQ(-1, vireo_check_head_rsa(short_head.c_str()));
         EXPECT_EQ(-1, vireo_check_md5(short_md5.c_str()));
         EXPECT_EQ(-1, vireo_check_md5(empty.c_str()));
