@@ -1,7 +1,10 @@
-// Work mode "ubi" on a fake dual-image device: the records read from volumes, the check
-// command, and the upgrade and roll-back as far as they get without the kernel's UBI
-// driver (volume updates themselves are tried on the virtual router).
+// Work mode "ubi" on a fake dual-image device: the boot flags and scores of the two images
+// (which image an upgrade switches off and on, and what each flag volume holds afterwards),
+// the check command, and the upgrade and roll-back as far as they get without the kernel's
+// UBI driver (volume updates themselves are tried on the virtual router). Flag volumes are
+// MTD partitions here, as the lookups fall back to them when no UBI volume has the name.
 #include "ubi/vireo_ubi.h"
+#include "ubi/vireo_ubi_flags.h"
 
 #include "pack_fixture.h"
 #include "raw_device.h"
@@ -18,6 +21,7 @@ std::string flags(bool on, int score)
 }
 
 // UBI device 0 with the device's records; further volumes and partitions as a test adds.
+// The firmware file is up.bin in the same tree.
 struct ubi_device : fake_root {
     explicit ubi_device(const std::string &installed = "1.4.0 Build 1 Rel.00001")
     {
@@ -25,150 +29,130 @@ struct ubi_device : fake_root {
         ubi_volume(0, 0, "device-info", with_content_header(kDevice));
         ubi_volume(0, 1, "firmware-info", with_content_header(fwinfo_json(installed)));
     }
-};
-
-struct run {
-    int32_t result;
-    std::string out;
-};
-
-class UbiMode : public ::testing::Test
-{
-  protected:
-    void TearDown() override
+    ~ubi_device()
     {
         reset_integrity_state();
     }
-    void pack_version(const std::string &version, const std::string &list = kFits)
-    {
-        pack_images(dir, {{list, "", fwinfo_json(version), {{"kernel", "k"}}}});
-    }
-    // The check (or with upgrade, the upgrade) of dir/up.bin on UBI device 0.
-    run command(bool upgrade = false)
+    // The check (or with upgrade, the upgrade) of up.bin on UBI device 0; its trace lands
+    // in out.
+    int32_t command(bool upgrade = false)
     {
         reset_integrity_state();
         same_software_version = false;
-        run r{};
-        const std::string path = dir.join("up.bin");
-        r.out = capture_stdout([&] {
-            r.result = upgrade ? vireo_firmware_upgrade_ubi(0, path.c_str())
-                               : vireo_firmware_check_ubi(0, path.c_str());
-        });
-        return r;
+        const std::string file = join("up.bin");
+        const auto run = upgrade ? vireo_firmware_upgrade_ubi : vireo_firmware_check_ubi;
+        return quietly([&] { return run(0, file.c_str()); }, &out);
     }
 
-    temp_dir dir;
+    std::string out;
 };
 
 } // namespace
 
-TEST_F(UbiMode, RecordsComeFromTheUnsuffixedVolumes)
+TEST(UbiFlags, TheLowerScoreIsSwitchedOffThenOnAboveBoth)
 {
-    ubi_device dev;
-    dev.mtd(0, "firmware-info", 0x1000, with_content_header(fwinfo_json("9.9.9 Build 1 Rel.1")));
-    fwinfo *fw = nullptr;
-    std::string out = capture_stdout([&] { fw = vireo_flash_build_firmware_info_ubi(0); });
-    ASSERT_NE(nullptr, fw);
-    EXPECT_EQ(1u, fw->software_version[0]) << "the volume wins over the MTD partition";
-    EXPECT_TRUE(has_trace(out, "PTN[firmware-info] ubi volume path " + dev.at("/dev/ubi0_1")));
-    vireo_ptn_firmware_info_destroy(fw);
-    out = capture_stdout([&] { EXPECT_EQ(nullptr, vireo_flash_build_device_info_ubi(1)); });
-    EXPECT_TRUE(has_trace(out, "PTN[device-info] not found."));
-
-    // No fall-back to the backup's copy.
-    ubi_device erased;
-    erased.ubi_volume(0, 0, "device-info", std::string(4096, '\xff'));
-    erased.ubi_volume(0, 2, "device-info.b", with_content_header(kDevice));
-    out = capture_stdout([&] { EXPECT_EQ(nullptr, vireo_flash_build_device_info_ubi(0)); });
-    EXPECT_TRUE(has_trace(out, "ubi volume[device-info] is not a valid partition.")) << out;
+    // Equal scores (the backup is the target) the upgrade of an image with UBI shows.
+    const int five = 5, seven = 7, minus = -1, zero = 0;
+    struct {
+        const int *primary, *backup; // none: erased
+        bool target_primary;
+        int off_score, on_score;
+    } cases[] = {
+        {&seven, &five, false, 5, 8},
+        {nullptr, nullptr, false, 0, 1},
+        {&minus, &zero, true, -1, 1}, // a signed comparison
+        {nullptr, &seven, true, 0, 8},
+    };
+    for (const auto &c : cases) {
+        fake_root root;
+        root.mtd(0, "extra-para", 0x1000, c.primary ? flags(true, *c.primary) : "");
+        root.mtd(1, "extra-para.b", 0x1000, c.backup ? flags(true, *c.backup) : "");
+        const std::string target = root.at(c.target_primary ? "/dev/mtd0" : "/dev/mtd1");
+        const std::string other = root.at(c.target_primary ? "/dev/mtd1" : "/dev/mtd0");
+        const std::string untouched = read_file(other), what = std::to_string(c.on_score);
+        EXPECT_EQ(0, quietly([] { return vireo_firmware_pre_update(0); }));
+        EXPECT_EQ(flag_doc(false, c.off_score) + '\0', content_of(read_file(target)))
+            << what << ": n + 1 with the NUL";
+        EXPECT_EQ(0, quietly([] { return vireo_firmware_post_update(0); }));
+        const std::string on = read_file(target);
+        EXPECT_EQ(flag_doc(true, c.on_score) + '\0', content_of(on)) << what;
+        EXPECT_EQ(untouched, read_file(other)) << what;
+        EXPECT_EQ(0x1000u, on.size()) << what;
+        const size_t behind = 17 + flag_doc(true, c.on_score).size();
+        // Behind a fresh record the volume stays erased.
+        EXPECT_TRUE((c.target_primary ? c.primary : c.backup) ||
+                    std::string(0x1000 - behind, '\xff') == on.substr(behind))
+            << what;
+    }
 }
 
-TEST_F(UbiMode, SoftwareVersionTest)
+TEST(UbiFlags, NothingIsWrittenWithoutTheBackupVolume)
 {
+    fake_root root;
+    root.mtd(0, "extra-para", 0x1000, "");
+    EXPECT_EQ(0, quietly([] { return vireo_firmware_pre_update(0); })) << "the backup's turn";
+    EXPECT_EQ(0, quietly([] { return vireo_firmware_post_update(0); }));
+    EXPECT_EQ(std::string(0x1000, '\xff'), root.bytes("/dev/mtd0"));
+}
+
+TEST(UbiMode, CheckDecidesByVersionThenSupportList)
+{
+    const std::string ids = "[" + entry_json("VR100", "1.0", "45550000", "00000000") + "," +
+                            entry_json("VR100", "1.0", "00000001") + "]";
+    const char *v140 = "1.4.0 Build 1 Rel.00001", *v141 = "1.4.1 Build 1 Rel.00001",
+               *v130 = "1.3.0 Build 5 Rel.00007";
     struct {
         const char *installed, *offered;
-        int32_t result;
-        bool same;
+        int32_t result; // -1: refused for the version, -2: by the support list
+        bool same = false;
+        std::string list = kFits;
+        const char *settings = nullptr; // a line of the special_id_support_list section
+        const char *match = nullptr;
     } cases[] = {
-        {"1.4.0 Build 1 Rel.00001", "0.9.9 Build 1 Rel.00001", -1, false},
-        {"1.4.0 Build 1 Rel.00001", "1.2.9 Build 1 Rel.00001", -1, false},
-        {"1.4.0 Build 1 Rel.00001", "1.3.0 Build 1 Rel.00001", 0, false},
-        {"1.4.0 Build 1 Rel.00001", "1.10.0 Build 1 Rel.00001", 0, false},
-        {"9.0.0 Build 1 Rel.00001", "2.0.0 Build 1 Rel.00001", 0, false}, // no downgrade test
-        {"1.3.0 Build 5 Rel.00007", "1.3.0 Build 5 Rel.00007", 0, true},
-        {"1.3.0 Build 5 Rel.00007", "1.3.0 Build 5 Rel.00008", 0, false},
-        {"1.4.0 Build 5 Rel.00007", "1.4.0 Build 5 Rel.00007", 0, false},
+        {v140, "0.9.9 Build 1 Rel.00001", -1},
+        {"9.0.0 Build 1 Rel.00001", "2.0.0 Build 1 Rel.00001", 0}, // no downgrade test
+        {v130, v130, 0, true},
+        {v130, "1.3.0 Build 5 Rel.00008", 0},
+        {"1.4.0 Build 5 Rel.00007", "1.4.0 Build 5 Rel.00007", 0},
+        {v140, v141, 0, false, ids, "\tlist special_id '45550000'\n",
+         "match by support list entry 0 (VR100, 1.0, 45550000, 00000000)!"},
+        {v140, v141, -2, false, ids, "\toption special_id '45550000'\n"}, // not a list
+        {v140, v141, -2, false, ids}, // 00000001 means nothing special unless listed
+        {v140, v141, 0, false, ids, "\tlist special_id '00000001'\n",
+         "match by support list entry 1 (VR100, 1.0, 00000001, 00000000)!"},
+        {v140, v141, -2, false, one_entry_list("vr100", "1.0", "55530000")}, // model's case
     };
     for (const auto &c : cases) {
         ubi_device dev(c.installed);
-        pack_version(c.offered);
-        const run r = command();
-        EXPECT_EQ(c.result, r.result) << c.offered;
-        EXPECT_EQ(c.result != 0, has_trace(r.out, "firmware software version is unmatch"))
-            << c.offered;
+        if (c.settings)
+            dev.write("etc/profile.d/profile",
+                      std::string("config special_id_support_list\n") + c.settings);
+        pack_images(dev, {{c.list, "", fwinfo_json(c.offered), {{"kernel", "k"}}}});
+        EXPECT_EQ(c.result < 0 ? -1 : 0, dev.command()) << c.offered << dev.out;
+        EXPECT_EQ(c.result == -1, has_trace(dev.out, "firmware software version is unmatch"));
         EXPECT_EQ(c.same, same_software_version) << c.installed << " / " << c.offered;
+        EXPECT_TRUE(!c.match || has_trace(dev.out, c.match)) << dev.out;
     }
 }
 
-TEST_F(UbiMode, SupportListMatchWithSettings)
-{
-    const std::string list = "[" + entry_json("VR100", "1.0", "45550000", "00000000") + "," +
-                             entry_json("VR100", "1.0", "00000001") + "]";
-    struct {
-        const char *what;
-        std::string settings;
-        std::string entries;
-        const char *match; // or none
-    } cases[] = {
-        {"another id listed", "config special_id_support_list\n\tlist special_id '45550000'\n",
-         list, "match by support list entry 0 (VR100, 1.0, 45550000, 00000000)!"},
-        {"a plain option does not count",
-         "config special_id_support_list\n\toption special_id '45550000'\n", list, nullptr},
-        {"00000001 means nothing special", "", list, nullptr},
-        {"unless listed", "config special_id_support_list\n\tlist special_id '00000001'\n", list,
-         "match by support list entry 1 (VR100, 1.0, 00000001, 00000000)!"},
-        {"model in other case", "", one_entry_list("vr100", "1.0", "55530000"), nullptr},
-    };
-    for (const auto &c : cases) {
-        ubi_device dev;
-        if (!c.settings.empty())
-            dev.write("etc/profile.d/profile", c.settings);
-        pack_version("1.4.1 Build 1 Rel.00001", c.entries);
-        const run r = command();
-        EXPECT_EQ(c.match ? 0 : -1, r.result) << c.what << r.out;
-        if (c.match) {
-            EXPECT_TRUE(has_trace(r.out, c.match)) << c.what;
-            EXPECT_NE(std::string::npos, r.out.find(std::string(c.match) + "\n\n")) << c.what;
-        }
-    }
-}
-
-TEST_F(UbiMode, CheckWalksTheChainAndFailsWithoutDevice)
+TEST(UbiMode, CheckWalksTheChainAndReadsTheUnsuffixedVolumes)
 {
     ubi_device dev;
     const std::string version = fwinfo_json("1.4.1 Build 1 Rel.1");
-    pack_images(dir, {{one_entry_list("VR200", "1.0", "55530000"), "", version, {{"kernel", "k"}}},
+    pack_images(dev, {{one_entry_list("VR200", "1.0", "55530000"), "", version, {{"kernel", "k"}}},
                       {kFits, "", version, {{"kernel", "k2"}}}});
-    run r = command();
-    EXPECT_EQ(0, r.result) << r.out;
-    EXPECT_TRUE(has_trace(r.out, "Firmware is not allowed to upgrade into this device."));
-    EXPECT_EQ("Firmware is upgradable for this DEVICE. ", trace_messages(r.out).back());
+    EXPECT_EQ(0, dev.command()) << dev.out;
+    EXPECT_EQ("Firmware is upgradable for this DEVICE. ", trace_messages(dev.out).back());
 
-    ubi_device none;
-    none.ubi_volume(0, 0, "devinfo", with_content_header(kDevice));
-    r = command();
-    EXPECT_EQ(-1, r.result);
-    EXPECT_EQ(2u, count_trace(r.out, "Faield to get device info of FLASH."))
-        << "every image is refused";
-
-    write_file(dir.join("up.bin"), "");
-    r = command();
-    EXPECT_TRUE(has_trace(r.out, "Failed to get file size, file='" + dir.join("up.bin") + "'"));
-    r.out = capture_stdout([&] { r.result = vireo_firmware_check_ubi(0, nullptr); });
-    EXPECT_EQ(std::vector<std::string>{"Invalid params, 0,(nil)."}, trace_messages(r.out));
+    // No fall-back to the backup's record.
+    dev.ubi_volume(0, 0, "devinfo", with_content_header(kDevice));
+    dev.ubi_volume(0, 2, "device-info.b", with_content_header(kDevice));
+    EXPECT_EQ(-1, dev.command());
+    EXPECT_EQ(2u, count_trace(dev.out, "Faield to get device info of FLASH.")) << "every image";
+    EXPECT_TRUE(has_trace(dev.out, "PTN[device-info] not found."));
 }
 
-TEST_F(UbiMode, UpgradeStopsWhereItFailsWithTheTargetOff)
+TEST(UbiMode, UpgradeStopsWhereItFailsWithTheTargetOff)
 {
     const std::string on5 = flags(true, 5), on7 = flags(true, 7), off5 = flags(false, 5);
     struct {
@@ -194,19 +178,14 @@ TEST_F(UbiMode, UpgradeStopsWhereItFailsWithTheTargetOff)
             dev.mtd(5, "rootfs_data", 0x1000, "user data");
             dev.mtd(6, "rootfs_data.b", 0x1000);
         }
-        const std::string offered = c.version ? c.version : "1.4.1 Build 1 Rel.1";
-        fw_image image{kFits,
-                       "",
-                       "",
-                       {{"firmware-info.b", with_content_header(fwinfo_json(offered))},
-                        {"kernel", "new kernel"}}};
+        const std::string record =
+            with_content_header(fwinfo_json(c.version ? c.version : "1.4.1 Build 1 Rel.1"));
+        fw_image image{kFits, "", "", {{"firmware-info.b", record}, {"kernel", "new kernel"}}};
         if (c.nvram)
             image.parts.push_back({"nvram", "n"});
-        pack_images(dir, {image});
-        const run r = command(true);
-        EXPECT_EQ(c.version ? 0 : -1, r.result) << c.trace;
-        EXPECT_TRUE(has_trace(r.out, c.trace)) << r.out;
-        EXPECT_EQ(!c.version, has_trace(r.out, "Failed to upgrade firmware into this device."));
+        pack_images(dev, {image});
+        EXPECT_EQ(c.version ? 0 : -1, dev.command(true)) << c.trace;
+        EXPECT_TRUE(has_trace(dev.out, c.trace)) << dev.out;
         EXPECT_EQ(c.version ? std::string(10, '\xff') : "new kernel",
                   dev.bytes("/dev/mtd2").substr(0, 10))
             << c.trace << ": earlier entries are written";
@@ -216,23 +195,23 @@ TEST_F(UbiMode, UpgradeStopsWhereItFailsWithTheTargetOff)
     }
 }
 
-TEST_F(UbiMode, RollBackFailures)
+TEST(UbiMode, RollBackFailures)
 {
     const std::string erased(100, '\xff');
-    for (bool backup_has_score : {true, false}) {
+    // The backup volume: with a score, erased, or missing.
+    for (const std::string &backup : {flags(true, 3) + erased, erased, std::string()}) {
         ubi_device dev;
         dev.ubi_volume(0, 2, "extra-para", flags(true, 8) + erased);
-        dev.ubi_volume(0, 3, "extra-para.b", backup_has_score ? flags(true, 3) + erased : erased);
-        const std::string before = dev.bytes("/dev/ubi0_3");
-        const std::string out =
-            capture_stdout([] { EXPECT_EQ(-1, vireo_firmware_roll_back_ubi(0)); });
+        if (!backup.empty())
+            dev.ubi_volume(0, 3, "extra-para.b", backup);
+        EXPECT_EQ(-1, quietly([] { return vireo_firmware_roll_back_ubi(0); }, &dev.out));
         // Regular files are no UBI volumes: the write is refused and reported.
-        EXPECT_EQ(backup_has_score,
-                  has_trace(out, "extra score: primary score[8], backup score[9]") &&
-                      has_trace(out, "vireo ubi write error[-1]"))
-            << out;
-        EXPECT_EQ(!backup_has_score,
-                  has_trace(out, "Failed to get backup image 'extra-para' score."));
-        EXPECT_TRUE(backup_has_score || before == dev.bytes("/dev/ubi0_3"));
+        EXPECT_EQ(backup != erased,
+                  has_trace(dev.out, "extra score: primary score[8], backup score[9]") &&
+                      has_trace(dev.out, "vireo ubi write error[-1]"))
+            << dev.out;
+        EXPECT_EQ(backup == erased,
+                  has_trace(dev.out, "Failed to get backup image 'extra-para' score."));
+        EXPECT_TRUE(backup.empty() || backup == dev.bytes("/dev/ubi0_3")) << "left as it was";
     }
 }
