@@ -2,15 +2,15 @@
 // made at run time from firmware files that vireo_firmware_pack builds and from the
 // documents the tests' fake devices hold.
 #include "common/vireo_common.h"
-#include "common/vireo_endian.h"
 #include "crypto/vireo_base64.h"
 #include "crypto/vireo_md5.h"
 #include "crypto/vireo_rsa.h"
-#include "firmware/vireo_firmware_integrity.h"
+#include "firmware/vireo_firmware_up_ptn_table.h"
 #include "pack_fixture.h"
 #include "raw_device.h"
 
 #include <cstring>
+#include <memory>
 #include <sys/stat.h>
 
 namespace
@@ -60,21 +60,21 @@ std::vector<std::vector<uint8_t>> firmware_files()
     return out;
 }
 
-// Each image's up-ptn-table text and the contents of its entries.
+// The first image's up-ptn-table text and the contents of its entries.
 void image_parts(const std::vector<uint8_t> &file)
 {
-    digest_from_image = 0; // structure alone
-    walk_images(file, 1, [&](int32_t offset, const firmware_header &h, up_ptn_table *table) {
-        const size_t region = static_cast<size_t>(offset) + h.header_len;
-        const char *start = reinterpret_cast<const char *>(&file[region]);
-        seed("up_ptn_table", std::string(start, strnlen(start, UP_PTN_TABLE_SIZE)));
-        for (uint32_t i = 0; table && i < table->ptn_cnt; i++) {
-            const up_ptn_info &e = table->ptns[i];
-            if (e.base >= 0 && e.size < 65536)
-                seed("records", text(file, region + UP_PTN_TABLE_SIZE + e.base, e.size));
-        }
-    });
-    reset_integrity_state();
+    firmware_header h;
+    vireo_firmware_header_decode(file.data(), &h);
+    std::unique_ptr<up_ptn_table, decltype(&vireo_firmware_up_ptn_table_destroy)> table(
+        vireo_firmware_up_ptn_table_build_by_fimware(file.data(), int32_t(file.size()), &h),
+        vireo_firmware_up_ptn_table_destroy);
+    const char *start = reinterpret_cast<const char *>(&file[h.header_len]);
+    seed("up_ptn_table", std::string(start, strnlen(start, UP_PTN_TABLE_SIZE)));
+    for (uint32_t i = 0; table && i < table->ptn_cnt; i++) {
+        const up_ptn_info &e = table->ptns[i];
+        if (e.base >= 0 && e.size < 65536)
+            seed("records", text(file, h.header_len + UP_PTN_TABLE_SIZE + e.base, e.size));
+    }
 }
 
 // What the signature covers: the MD5 of bytes 20 on, the signature field as zeros.

@@ -1,5 +1,6 @@
 #include "fake_root.h"
 
+#include "common/vireo_endian.h"
 #include "common/vireo_platform.h"
 
 #include <unistd.h>
@@ -62,6 +63,7 @@ std::string with_content_header(const std::string &doc)
 
 std::string content_of(const std::string &bytes)
 {
-    const uint32_t len = bytes.size() < 16 ? 0 : be32(reinterpret_cast<const uint8_t *>(&bytes[8]));
+    const uint32_t len =
+        bytes.size() < 16 ? 0 : vireo_get_be32(reinterpret_cast<const uint8_t *>(&bytes[8]));
     return bytes.size() >= 16 && len <= bytes.size() - 16 ? bytes.substr(16, len) : "";
 }

@@ -1,6 +1,7 @@
 // The raw-flash check command on a fake device: what it accepts and refuses, and that it
 // changes no byte of the device or of the file.
 #include "common/vireo_common.h"
+#include "common/vireo_endian.h"
 #include "firmware/vireo_firmware.h"
 
 #include "openssl_ref.h"
@@ -33,12 +34,12 @@ TEST(CheckCommand, MatchingWalkAndDeviceRecords)
     // A file of one image whose support list holds this one entry.
     const auto file = [&](const char *model, const char *version, const char *id,
                           const char *flash = "") {
-        return one_image(one_entry_list(model, version, id, flash));
+        return one_image("[" + entry_json(model, version, id, flash) + "]");
     };
-    const std::string other = one_entry_list("VR200", "1.0", "55530000");
+    const std::string other = "[" + entry_json("VR200", "1.0", "55530000") + "]";
     const std::vector<uint8_t> second_fits =
         pack_images(dir, {{other, "", "", {{"kernel", "k"}}}, {kFits, "", "", {{"kernel", "k2"}}}});
-    const uint32_t next = be32(second_fits.data() + 28);
+    const uint32_t next = vireo_get_be32(second_fits.data() + 28);
     std::vector<uint8_t> bad_magic = second_fits;
     bad_magic[0] ^= 1; // outside the signature: only the magic test sees it
     std::vector<uint8_t> loop =
@@ -65,8 +66,8 @@ TEST(CheckCommand, MatchingWalkAndDeviceRecords)
     } cases[] = {
         // Model, version and special id match exactly, but "00000001" in the list stands for
         // any special id; the flash version must be alike on both sides.
-        {"model case", file("vr100", "1.0", "55530000"), {kRefused}},
-        {"version case", file("VR100", "V1", "55530000"), {kRefused}, device("VR100", "v1")},
+        {"model, other case", file("vr100", "1.0", "55530000"), {kRefused}},
+        {"version, other case", file("VR100", "V1", "55530000"), {kRefused}, device("VR100", "v1")},
         {"any id in list",
          file("VR100", "1.0", "00000001"),
          {"match by support list entry 0 (VR100, 1.0, 00000001)!", kUpgradable}},

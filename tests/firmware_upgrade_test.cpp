@@ -1,7 +1,7 @@
-// The raw-flash upgrade on a fake device, run as a user runs it. Stand-ins for
-// the router's "mtd", "ubiattach" and "ubidetach" log their calls; a preloaded
-// library logs every write of the tool, can make a partition behave like NOR
-// flash (a write only clears bits) and can make writes to a file fail.
+// The raw-flash upgrade on a fake device, run as a user runs it. Stand-ins for the
+// router's "mtd", "ubiattach" and "ubidetach" log their calls; a preloaded library logs
+// every write of the tool, can make a partition behave like NOR flash (a write only
+// clears bits) and can make writes to a file fail.
 #include "openssl_ref.h"
 #include "pack_fixture.h"
 #include "raw_device.h"
@@ -24,9 +24,8 @@ std::vector<raw_ptn> layout()
             {"rootfs", 0x70000, 0x20000, std::string(0x1000, 'r')}};
 }
 
-// VIREO_MTD_REWRITE: a file that another process changes (a byte 256 from its
-// end) while the tool waits for an erase, after its verification.
-// VIREO_MTD_NO_ERASE: nothing erased.
+// VIREO_MTD_REWRITE: a file that another process changes (a byte 256 from its end) while
+// the tool waits for an erase, after its verification. VIREO_MTD_NO_ERASE: nothing erased.
 const char kMtd[] = R"SH(#!/bin/sh
 echo "mtd $*" >> "$VIREO_TEST_LOG"
 f="$VIREO_MTD_REWRITE"
@@ -138,7 +137,7 @@ TEST_F(Upgrade, FlagsThatNeverReadBackBl2AndNoExtraPara)
                                         "mtd erase BL2"}),
               u.calls);
 
-    // Without extra-para no flag is touched.
+    // Without extra-para there is no flag to switch, and the upgrade goes on.
     std::vector<raw_ptn> bare = layout();
     bare.erase(bare.begin() + 2);
     install(bare);
@@ -152,6 +151,8 @@ TEST_F(Upgrade, FlagsThatNeverReadBackBl2AndNoExtraPara)
     const auto before = dev->devices();
     u = upgrade({"VIREO_FAIL_PATHS=" + device("extra-para")});
     EXPECT_EQ(255, u.status);
+    EXPECT_TRUE(has_trace(u.out, "extra-para[" + device("extra-para") +
+                                     "] does not read back as flagged off."));
     EXPECT_TRUE(u.calls.empty());
     EXPECT_EQ(before, dev->devices());
 }
@@ -172,8 +173,9 @@ TEST_F(Upgrade, FailuresLeaveTheImageFlaggedOff)
         bool writes;       // whether anything reached the device at all
     } cases[] = {
         {"image for another model",
-         pack_images(dir,
-                     {{one_entry_list("VR200", "1.0", "55530000"), "", "", {{"kernel", "k"}}}}),
+         pack_images(
+             dir,
+             {{"[" + entry_json("VR200", "1.0", "55530000") + "]", "", "", {{"kernel", "k"}}}}),
          "", "Firmware is not allowed to upgrade this up table into this device.", false},
         {"entry outside the file", outside, "", "PTN[rootfs] base ", false},
         {"name the device lacks",

@@ -34,26 +34,22 @@ pkey_ptr ref_rsa_load_private(const std::string &pem_path)
     return pkey_ptr(key, EVP_PKEY_free);
 }
 
-bytes ref_rsa_private(EVP_PKEY *key, const bytes &input, int padding, const EVP_MD *md)
+bytes ref_rsa_sign_sha1(EVP_PKEY *key, const bytes &data)
 {
+    const bytes digest = ref_digest(EVP_sha1(), data);
     std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr),
                                                                     EVP_PKEY_CTX_free);
     size_t len = 0;
     if (EVP_PKEY_sign_init(ctx.get()) != 1 ||
-        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding) != 1 ||
-        (md && EVP_PKEY_CTX_set_signature_md(ctx.get(), md) != 1) ||
-        EVP_PKEY_sign(ctx.get(), nullptr, &len, input.data(), input.size()) != 1)
+        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+        EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha1()) != 1 ||
+        EVP_PKEY_sign(ctx.get(), nullptr, &len, digest.data(), digest.size()) != 1)
         throw std::runtime_error("sign init");
     bytes sig(len);
-    if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, input.data(), input.size()) != 1)
+    if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, digest.data(), digest.size()) != 1)
         throw std::runtime_error("sign");
     sig.resize(len);
     return sig;
-}
-
-bytes ref_rsa_sign_sha1(EVP_PKEY *key, const bytes &data)
-{
-    return ref_rsa_private(key, ref_digest(EVP_sha1(), data), RSA_PKCS1_PADDING, EVP_sha1());
 }
 
 bytes reversed(bytes b)

@@ -14,9 +14,6 @@ bytes random_bytes(size_t n);
 // The digest of data with md (EVP_md5(), EVP_sha1(), ...).
 bytes ref_digest(const EVP_MD *md, const bytes &data);
 pkey_ptr ref_rsa_load_private(const std::string &pem_path);
-// The private-key operation on input with the given padding, and md as the signed hash's
-// algorithm unless null; big-endian output.
-bytes ref_rsa_private(EVP_PKEY *key, const bytes &input, int padding, const EVP_MD *md);
 // PKCS#1 v1.5 signature with SHA-1 of data, big-endian.
 bytes ref_rsa_sign_sha1(EVP_PKEY *key, const bytes &data);
 bytes reversed(bytes b);

@@ -3,7 +3,6 @@
 #include "firmware/vireo_firmware_integrity.h"
 
 #include <cstring>
-#include <memory>
 
 std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manifest,
                                    std::string *error)
@@ -45,26 +44,6 @@ std::string two_image_manifest(const temp_dir &dir)
    "partitions": [{"name": "kernel", "file": "kernel.bin"},
                   {"name": "extra", "file": "extra.json", "content-header": true}]}
 ]})";
-}
-
-int walk_images(const std::vector<uint8_t> &file, int32_t mode,
-                const std::function<void(int32_t, const firmware_header &, up_ptn_table *)> &fn)
-{
-    const int32_t size = static_cast<int32_t>(file.size());
-    int32_t offset = 0;
-    for (int images = 0; images < 8; images++) {
-        firmware_header header;
-        if (vireo_firmware_header_parse(file.data() + offset, size - offset, &header, mode) != 0)
-            return images;
-        std::unique_ptr<up_ptn_table, decltype(&vireo_firmware_up_ptn_table_destroy)> table(
-            vireo_firmware_up_ptn_table_build_by_fimware(file.data() + offset, size - offset,
-                                                         &header),
-            vireo_firmware_up_ptn_table_destroy);
-        fn(offset, header, table.get());
-        if (vireo_firmware_chain_next(offset, &header, size, &offset) != 1)
-            return images + 1;
-    }
-    return 8;
 }
 
 void reset_integrity_state()

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "firmware/vireo_firmware_header.h"
-#include "firmware/vireo_firmware_up_ptn_table.h"
 #include "test_util.h"
 
 #include <cstdint>
@@ -21,12 +20,6 @@ void set_entry_size(std::vector<uint8_t> &file, const std::string &name, const s
 // Two images: the first carries partition-table, support-list, firmware-info, kernel and
 // rootfs; the second support-list, the same kernel (shared, pointing back) and extra.
 std::string two_image_manifest(const temp_dir &dir);
-
-// Walks the chain of images as the commands do: each header parsed in mode (0: its digest;
-// 1: its signature, or its structure alone after -m), then fn with the image's offset,
-// header and table (null when the table does not parse). Returns the images parsed.
-int walk_images(const std::vector<uint8_t> &file, int32_t mode,
-                const std::function<void(int32_t, const firmware_header &, up_ptn_table *)> &fn);
 
 // Resets the process-wide state of the integrity checks to that of a new run.
 void reset_integrity_state();

@@ -155,16 +155,3 @@ TEST(PtnHeader, BothReadersAcceptAndRefuseTheSameBuffers)
         EXPECT_EQ(c.size < 16, out.find("magic_0") == std::string::npos) << out;
     }
 }
-
-TEST(PtnHeader, AddWritesBigEndianHeaderOnlyWhereItFits)
-{
-    std::vector<uint8_t> buf(16, 0xEE);
-    const std::string out = capture_stdout([&] {
-        EXPECT_EQ(-1, vireo_ptn_header_add(buf.data(), 15, buf.data(), 1));
-        EXPECT_EQ(-1, vireo_ptn_header_add(buf.data(), 16, buf.data(), -1));
-    });
-    EXPECT_EQ(std::vector<uint8_t>(16, 0xEE), buf);
-    EXPECT_TRUE(has_trace(out, "Invlaid contenct_size(-1)"));
-    EXPECT_EQ(16, vireo_ptn_header_add(buf.data(), 16, buf.data() + 16, 0x01020304));
-    EXPECT_EQ(content_header(0x01020304), std::string(buf.begin(), buf.end()));
-}

@@ -80,12 +80,6 @@ std::string entry_json(const std::string &model, const std::string &version,
     return s + "}";
 }
 
-std::string one_entry_list(const std::string &model, const std::string &version,
-                           const std::string &special_id, const std::string &flash_version)
-{
-    return "[" + entry_json(model, version, special_id, flash_version) + "]";
-}
-
 std::string fw_manifest(const temp_dir &dir, const std::vector<fw_image> &images)
 {
     std::string s = "{\"images\":[";

@@ -21,9 +21,6 @@ std::string devinfo_json(const std::string &model, const std::string &version,
 // A support-list entry.
 std::string entry_json(const std::string &model, const std::string &version,
                        const std::string &special_id, const std::string &flash_version = "");
-// A support list of the one entry.
-std::string one_entry_list(const std::string &model, const std::string &version,
-                           const std::string &special_id, const std::string &flash_version = "");
 // A firmware-info document of this software version.
 std::string fwinfo_json(const std::string &version);
 // A partition-table document listing the partitions.

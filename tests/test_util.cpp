@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
@@ -45,12 +46,18 @@ std::string capture_stderr(const std::function<void()> &fn)
 std::vector<std::string> trace_messages(const std::string &out)
 {
     std::vector<std::string> messages;
+    // A trace line in any other form than "module:line: [TRACE]function() | " yields no
+    // message that a test expects.
+    static const std::regex head(
+        "vireo_[a-z_]+:[1-9][0-9]*: \\[TRACE\\][A-Za-z_][A-Za-z0-9_]*\\(\\) \\| ");
     std::istringstream in(out);
     for (std::string line; std::getline(in, line);) {
         const size_t tag = line.find(": [TRACE]");
         const size_t bar = tag == std::string::npos ? tag : line.find("() | ", tag);
         if (bar != std::string::npos)
-            messages.push_back(line.substr(bar + 5));
+            messages.push_back(std::regex_match(line.substr(0, bar + 5), head)
+                                   ? line.substr(bar + 5)
+                                   : "malformed trace line: " + line);
     }
     return messages;
 }
@@ -118,11 +125,6 @@ std::string pattern(size_t n, int seed)
     for (size_t i = 0; i < n; i++)
         s[i] = static_cast<char>((i * 31 + static_cast<size_t>(seed)) >> 3);
     return s;
-}
-
-uint32_t be32(const uint8_t *p)
-{
-    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
 }
 
 run_result run_program(const std::string &program, const std::vector<std::string> &args,

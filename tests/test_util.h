@@ -21,7 +21,8 @@ auto quietly(F &&fn, std::string *out = nullptr)
 }
 
 // The message parts (text after "| ") of the trace lines in out, in order, each without
-// its line ending. Lines that are not trace lines are skipped.
+// its line ending. Lines that are not trace lines are skipped; a trace line whose head is
+// not "module:line: [TRACE]function() | " gives "malformed trace line: " and the line.
 std::vector<std::string> trace_messages(const std::string &out);
 // How many trace messages equal msg exactly; whether one does.
 size_t count_trace(const std::string &out, const std::string &msg);
@@ -43,7 +44,6 @@ std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content);
 // n bytes that differ from seed to seed and repeat rarely.
 std::string pattern(size_t n, int seed);
-uint32_t be32(const uint8_t *p);
 
 struct run_result {
     int status; // exit status 0..255, or -1 when killed by a signal

@@ -120,7 +120,7 @@ TEST(UbiMode, CheckDecidesByVersionThenSupportList)
         {v140, v141, -2, false, ids}, // 00000001 means nothing special unless listed
         {v140, v141, 0, false, ids, "\tlist special_id '00000001'\n",
          "match by support list entry 1 (VR100, 1.0, 00000001, 00000000)!"},
-        {v140, v141, -2, false, one_entry_list("vr100", "1.0", "55530000")}, // model's case
+        {v140, v141, -2, false, "[" + entry_json("vr100", "1.0", "55530000") + "]"}, // model's case
     };
     for (const auto &c : cases) {
         ubi_device dev(c.installed);
@@ -139,8 +139,9 @@ TEST(UbiMode, CheckWalksTheChainAndReadsTheUnsuffixedVolumes)
 {
     ubi_device dev;
     const std::string version = fwinfo_json("1.4.1 Build 1 Rel.1");
-    pack_images(dev, {{one_entry_list("VR200", "1.0", "55530000"), "", version, {{"kernel", "k"}}},
-                      {kFits, "", version, {{"kernel", "k2"}}}});
+    pack_images(
+        dev, {{"[" + entry_json("VR200", "1.0", "55530000") + "]", "", version, {{"kernel", "k"}}},
+              {kFits, "", version, {{"kernel", "k2"}}}});
     EXPECT_EQ(0, dev.command()) << dev.out;
     EXPECT_EQ("Firmware is upgradable for this DEVICE. ", trace_messages(dev.out).back());
 
