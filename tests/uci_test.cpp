@@ -48,8 +48,7 @@ std::string special_id_items(const std::string &text)
 } // namespace
 
 // Settings files and their special-id items, as libuci reads them (the same rows pass in a
-// build with libuci). uci_diff_test.cpp gives these files to libuci and our reader too.
-extern const std::vector<std::pair<std::string, std::string>> kUciRows;
+// build with libuci).
 const std::vector<std::pair<std::string, std::string>> kUciRows = {
     {"c special_id_support_list\n l special_id a\n o other x\n", "a|"},
     {"config special_id_support_list\nlist special_id a; list special_id b\n", "a|"},
