@@ -126,5 +126,4 @@ TEST(CheckCommand, MatchingWalkAndDeviceRecords)
         EXPECT_EQ(before, dev.devices()) << c.what;
         EXPECT_EQ(std::string(c.file.begin(), c.file.end()), read_file(path)) << c.what;
     }
-    reset_integrity_state();
 }

@@ -86,7 +86,6 @@ TEST(FirmwareHeader, RefusalsAndTheBytesEachModeCovers)
         EXPECT_EQ(c.trace.empty() ? 0u : 1u, msgs.size()) << c.trace << out;
         EXPECT_EQ(0u, msgs.empty() ? 0 : msgs[0].rfind(c.trace, 0)) << out;
     }
-    reset_integrity_state();
 }
 
 TEST(FirmwareChain, MovesOnlyForwardInsideTheFile)

@@ -57,14 +57,6 @@ bytes reversed(bytes b)
     return bytes(b.rbegin(), b.rend());
 }
 
-std::string to_hex(const bytes &b)
-{
-    std::string s;
-    for (uint8_t c : b)
-        s += "0123456789abcdef"[c >> 4] + std::string(1, "0123456789abcdef"[c & 15]);
-    return s;
-}
-
 void resign_firmware(std::vector<uint8_t> &file)
 {
     bytes signed_part(file.begin() + 20, file.end());

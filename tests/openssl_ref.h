@@ -17,7 +17,6 @@ pkey_ptr ref_rsa_load_private(const std::string &pem_path);
 // PKCS#1 v1.5 signature with SHA-1 of data, big-endian.
 bytes ref_rsa_sign_sha1(EVP_PKEY *key, const bytes &data);
 bytes reversed(bytes b);
-std::string to_hex(const bytes &b);
 
 // Signs a firmware file again with the test key after a test changed it: the signature
 // covers bytes 20 to the end with the signature field zeroed.

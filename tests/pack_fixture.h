@@ -21,5 +21,6 @@ void set_entry_size(std::vector<uint8_t> &file, const std::string &name, const s
 // rootfs; the second support-list, the same kernel (shared, pointing back) and extra.
 std::string two_image_manifest(const temp_dir &dir);
 
-// Resets the process-wide state of the integrity checks to that of a new run.
+// Resets the process-wide state of the integrity checks to that of a new run: every
+// test that runs the checks in its own process calls it first.
 void reset_integrity_state();

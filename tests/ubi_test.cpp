@@ -29,10 +29,6 @@ struct ubi_device : fake_root {
         ubi_volume(0, 0, "device-info", with_content_header(kDevice));
         ubi_volume(0, 1, "firmware-info", with_content_header(fwinfo_json(installed)));
     }
-    ~ubi_device()
-    {
-        reset_integrity_state();
-    }
     // The check (or with upgrade, the upgrade) of up.bin on UBI device 0; its trace lands
     // in out.
     int32_t command(bool upgrade = false)
