@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Builds the real libuci from its core sources into build-uci/, builds the tool and the
 # settings tests against it (VIREO_HAVE_LIBUCI) and runs them: the table of settings files
-# that our own uci reader is held to must be what libuci reads. The sources are never part of this project: they are
-# looked for in $VIREO_LIBUCI_SOURCE_DIR, by default ../shared/third_party/libuci beside
-# the project; without them the step is skipped.
+# that our own uci reader is held to must be what libuci reads. The sources are never part
+# of this project: they are looked for in $VIREO_LIBUCI_SOURCE_DIR, by default
+# ../shared/third_party/libuci beside the project; without them the step is skipped.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
