@@ -1,6 +1,8 @@
 #include "common/vireo_file.h"
 
 #include "common/vireo_common.h"
+#include "common/vireo_fd.h"
+#include "common/vireo_file_flash.h"
 #include "ubi/vireo_libubi.h"
 
 #include <cerrno>
@@ -14,19 +16,6 @@ static const char VIREO_MODULE[] = "vireo_file";
 
 namespace
 {
-
-// Closes the descriptor on every way out.
-struct fd_guard {
-    int fd;
-    explicit fd_guard(int f) : fd(f) {}
-    ~fd_guard()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-    fd_guard(const fd_guard &) = delete;
-    fd_guard &operator=(const fd_guard &) = delete;
-};
 
 bool bad_path(const char *path)
 {
@@ -132,6 +121,44 @@ int32_t vireo_file_write_by_offset(const char *path, int32_t offset, const uint8
     return 0;
 }
 
+// The block-mode write onto a target that simply overwrites (a file, a block device).
+static int32_t write_plain_units(int fd, int32_t size, int32_t offset, int32_t len,
+                                 int32_t block_size, const vireo_unit_source &next)
+{
+    for (int32_t done = 0; done < len;) {
+        const int32_t pos = offset + done;
+        lseek(fd, pos, SEEK_SET);
+        const int32_t chunk = len - done < block_size ? len - done : block_size;
+        const uint8_t *bytes = next(static_cast<uint32_t>(done), static_cast<uint32_t>(chunk));
+        if (!bytes)
+            return -1;
+        ssize_t wrote;
+        if (chunk == block_size) {
+            wrote = write(fd, bytes, static_cast<size_t>(block_size));
+        } else {
+            std::vector<uint8_t> unit;
+            try {
+                unit.assign(static_cast<size_t>(block_size), 0xFF);
+            } catch (...) {
+                VIREO_TRACE("failed to alloc %d bytes.\n", block_size);
+                return -1;
+            }
+            memcpy(unit.data(), bytes, static_cast<size_t>(chunk));
+            // A padded unit never grows the target: what does not fit is a short
+            // write, as a device reports it.
+            const int32_t room = size - pos;
+            wrote =
+                write(fd, unit.data(), static_cast<size_t>(room < block_size ? room : block_size));
+        }
+        if (wrote != block_size) {
+            printf("ERROR write(%d) return %d.", chunk, static_cast<int>(wrote));
+            return -1;
+        }
+        done += chunk;
+    }
+    return 0;
+}
+
 int32_t vireo_file_write_units(const char *path, int32_t offset, int32_t len, int32_t block_size,
                                const vireo_unit_source &next, uint32_t *out_len)
 {
@@ -169,42 +196,16 @@ int32_t vireo_file_write_units(const char *path, int32_t offset, int32_t len, in
         file.fd = -1;
         sync();
     };
-    int32_t done = 0;
-    while (done < len) {
-        const int32_t pos = offset + done;
-        lseek(file.fd, pos, SEEK_SET);
-        const int32_t chunk = len - done < block_size ? len - done : block_size;
-        const uint8_t *bytes = next(static_cast<uint32_t>(done), static_cast<uint32_t>(chunk));
-        if (!bytes) {
-            close_and_sync();
-            return -1;
-        }
-        ssize_t wrote;
-        if (chunk == block_size) {
-            wrote = write(file.fd, bytes, static_cast<size_t>(block_size));
-        } else {
-            std::vector<uint8_t> unit;
-            try {
-                unit.assign(static_cast<size_t>(block_size), 0xFF);
-            } catch (...) {
-                VIREO_TRACE("failed to alloc %d bytes.\n", block_size);
-                close_and_sync();
-                return -1;
-            }
-            memcpy(unit.data(), bytes, static_cast<size_t>(chunk));
-            // A padded unit never grows the target: what does not fit is a short
-            // write, as a device reports it.
-            const int32_t room = size - pos;
-            wrote = write(file.fd, unit.data(),
-                          static_cast<size_t>(room < block_size ? room : block_size));
-        }
-        if (wrote != block_size) {
-            printf("ERROR write(%d) return %d.", chunk, static_cast<int>(wrote));
-            close_and_sync();
-            return -1;
-        }
-        done += chunk;
+    vireo_flash_geometry geo{};
+    const int32_t r =
+        vireo_flash_geometry_of(file.fd, &geo)
+            ? vireo_flash_write_units(file.fd, path, size, geo, offset, len, block_size, next)
+            : write_plain_units(file.fd, size, offset, len, block_size, next);
+    if (r != 0) {
+        close_and_sync();
+        return -1;
     }
+    const int32_t done = len;
     if (out_len)
         *out_len = static_cast<uint32_t>(done);
     VIREO_TRACE("%s write 0x%08x(%u) bytes at offset 0x%08x : finish.\n", path,

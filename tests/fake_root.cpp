@@ -25,7 +25,8 @@ void fake_root::mtd(int i, const std::string &name, size_t size, const std::stri
     write("dev/mtd" + n, bytes);
     const std::string block = join("dev/mtdblock" + n);
     unlink(block.c_str());
-    if (symlink(("mtd" + n).c_str(), block.c_str()) != 0)
+    // A second name of the same file, as the kernel's block device is of the same flash.
+    if (link(join("dev/mtd" + n).c_str(), block.c_str()) != 0)
         write("dev/mtdblock" + n, bytes);
 }
 

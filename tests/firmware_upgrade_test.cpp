@@ -1,7 +1,7 @@
 // The raw-flash upgrade on a fake device, run as a user runs it. Stand-ins for the
-// router's "mtd", "ubiattach" and "ubidetach" log their calls; a preloaded library logs
-// every write of the tool, can make a partition behave like NOR flash (a write only
-// clears bits) and can make writes to a file fail.
+// router's "mtd", "ubiattach" and "ubidetach" log their calls; a preloaded library makes
+// every flash file of the tree behave like NOR flash (a write only clears bits, an erase
+// sets them), logs every write and erase of the tool, and can make writes to a file fail.
 #include "openssl_ref.h"
 #include "pack_fixture.h"
 #include "raw_device.h"
@@ -26,6 +26,7 @@ std::vector<raw_ptn> layout()
 
 // VIREO_MTD_REWRITE: a file that another process changes (a byte 256 from its end) while
 // the tool waits for an erase, after its verification. VIREO_MTD_NO_ERASE: nothing erased.
+// The stand-in erases past the flash emulation, as the router's utility erases the chip.
 const char kMtd[] = R"SH(#!/bin/sh
 echo "mtd $*" >> "$VIREO_TEST_LOG"
 f="$VIREO_MTD_REWRITE"
@@ -44,6 +45,7 @@ struct upgrade_run {
     std::string out;
     std::vector<std::string> calls;        // of the stand-ins
     std::map<std::string, size_t> written; // bytes per device file
+    std::map<std::string, size_t> erased;  // erase blocks erased by the tool, per device file
 };
 
 class Upgrade : public ::testing::Test
@@ -72,17 +74,20 @@ class Upgrade : public ::testing::Test
     }
     upgrade_run upgrade(const std::vector<std::string> &env = {})
     {
-        const std::string log = dev->write("calls.log", ""), writes = dev->write("writes.log", "");
+        const std::string log = dev->write("calls.log", ""), writes = dev->write("writes.log", ""),
+                          erases = dev->write("erases.log", "");
         std::vector<std::string> all = {"PATH=" + dev->join("bin") + ":" + getenv("PATH"),
                                         "VIREO_TEST_LOG=" + log,
                                         "VIREO_TEST_ROOT=" + dev->path,
                                         "VIREO_WRITE_LOG=" + writes,
+                                        "VIREO_ERASE_LOG=" + erases,
+                                        "VIREO_FLASH_ROOT=" + dev->path,
                                         "LD_PRELOAD=" VIREO_FLASH_PRELOAD,
                                         "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0"};
         all.insert(all.end(), env.begin(), env.end());
         run_result r =
             run_program(VIREO_FAKE_ROOT_TOOL, {dev->path, "-U", "-u", dir.join("up.bin")}, all);
-        upgrade_run u{r.status, r.out, {}, {}};
+        upgrade_run u{r.status, r.out, {}, {}, {}};
         std::istringstream calls(read_file(log)), w(read_file(writes));
         for (std::string line; std::getline(calls, line);)
             u.calls.push_back(line);
@@ -90,6 +95,9 @@ class Upgrade : public ::testing::Test
         for (size_t n; w >> path >> n;)
             if (path.rfind(dev->join("dev/"), 0) == 0)
                 u.written[path.substr(dev->path.size())] += n;
+        std::istringstream e(read_file(erases));
+        for (size_t at, n; e >> path >> at >> n;)
+            u.erased[path.substr(dev->path.size())]++;
         return u;
     }
     temp_dir dir;
@@ -105,7 +113,7 @@ TEST_F(Upgrade, SameLayoutRewritesEveryCarriedPartitionOnce)
                        table_json(dev->ptns, dev->disk_size),
                        "",
                        {{"kernel", kernel}, {"rootfs", rootfs}}}});
-    const upgrade_run u = upgrade({"VIREO_NOR_PATHS=" + device("kernel") + ":" + device("rootfs")});
+    const upgrade_run u = upgrade();
     ASSERT_EQ(0, u.status) << u.out;
     EXPECT_EQ((std::vector<std::string>{"mtd erase support-list", "mtd erase kernel",
                                         "mtd erase rootfs"}),
@@ -116,7 +124,43 @@ TEST_F(Upgrade, SameLayoutRewritesEveryCarriedPartitionOnce)
     EXPECT_EQ(0x5000u, u.written.at("/dev/mtd6"));
     EXPECT_EQ(0x2000u, u.written.at("/dev/mtd7"));
     EXPECT_EQ(0u, u.written.count("/dev/mtd1")) << "the unchanged table is not rewritten";
-    EXPECT_EQ(2u * 0x10000, u.written.at("/dev/mtd3")) << "flags off, flags on: read back at once";
+    // Contents land on what "mtd erase" erased; the flag partition, which nothing erases, is
+    // erased by the writer before each flag write, and only its record's unit is programmed.
+    EXPECT_EQ((std::map<std::string, size_t>{{"/dev/mtd3", 2}}), u.erased);
+    EXPECT_EQ(2u * 2048, u.written.at("/dev/mtd3")) << "flags off, flags on: read back at once";
+    EXPECT_EQ(flag_doc(true, 0), content_of(read_file(device("extra-para"))));
+
+    // An "mtd erase" that erases nothing: the writer erases what it programs over.
+    install(layout());
+    const upgrade_run v = upgrade({"VIREO_MTD_NO_ERASE=1"});
+    ASSERT_EQ(0, v.status) << v.out;
+    EXPECT_EQ(padded(kernel, 0x20000), read_file(device("kernel")));
+    EXPECT_EQ(padded(rootfs, 0x20000), read_file(device("rootfs")));
+    EXPECT_EQ(1u, v.erased.at("/dev/mtd6")) << "the first of two blocks held the old kernel";
+}
+
+TEST_F(Upgrade, LayoutChangeMovesOverProgrammedFlash)
+{
+    // "data" and "log" trade places, overlapping, "log" growing; "radio" is new. The moves
+    // land on programmed flash, across erase blocks; what is not moved keeps its bytes.
+    std::vector<raw_ptn> ptns = layout();
+    ptns.push_back({"data", 0x90000, 0x10000, pattern(0x10000, 11)});
+    ptns.push_back({"log", 0xA0000, 0x10000, pattern(0x10000, 12)});
+    ptns.push_back({"tail", 0xC0000, 0x10000, pattern(0x10000, 13)});
+    install(ptns);
+    std::vector<raw_ptn> next = ptns;
+    next[7] = {"log", 0x90000, 0x18000, ""};
+    next[8] = {"data", 0xA8000, 0x10000, ""};
+    next.push_back({"radio", 0xD0000, 0x8000, ""});
+    const std::string kernel = pattern(0x3000, 14), flash = dev->bytes("/dev/mtd0");
+    pack_images(dir, {{kFits, table_json(next, dev->disk_size), "", {{"kernel", kernel}}}});
+    const upgrade_run u = upgrade();
+    ASSERT_EQ(0, u.status) << u.out;
+    std::string want = flash;
+    want.replace(0x90000, 0x10000, flash.substr(0xA0000, 0x10000));
+    want.replace(0xA8000, 0x10000, flash.substr(0x90000, 0x10000));
+    EXPECT_TRUE(want == dev->bytes("/dev/mtd0")) << "the flash as it was, moved";
+    EXPECT_EQ(padded(kernel, 0x20000), read_file(device("kernel")));
     EXPECT_EQ(flag_doc(true, 0), content_of(read_file(device("extra-para"))));
 }
 
@@ -181,8 +225,8 @@ TEST_F(Upgrade, FailuresLeaveTheImageFlaggedOff)
         {"name the device lacks",
          pack_images(dir, {{kFits, table, "", {{"kernel", kernel}, {"nvram", "n"}}}}), "",
          "PTN[nvram] not found at device's disk.", true},
-        {"erase that does not erase", pack_images(dir, {{kFits, table, "", {{"kernel", kernel}}}}),
-         "VIREO_MTD_NO_ERASE=1", "PTN[kernel] update content failed, pos={", true},
+        {"bad block in a partition", pack_images(dir, {{kFits, table, "", {{"kernel", kernel}}}}),
+         "VIREO_BAD_BLOCKS={kernel}@0x0", "Faield to update ptn-content.", true},
         {"file rewritten after its verification",
          pack_images(dir, {{kFits, table, "", {{"kernel", kernel}}}}),
          "VIREO_MTD_REWRITE=" + dir.join("up.bin"), "firmware file changed at 0x", true},
@@ -191,10 +235,11 @@ TEST_F(Upgrade, FailuresLeaveTheImageFlaggedOff)
         install(layout());
         const auto before = dev->devices();
         write_file(dir.join("up.bin"), std::string(c.file.begin(), c.file.end()));
-        std::vector<std::string> env = {"VIREO_NOR_PATHS=" + device("kernel")};
-        if (!c.env.empty())
-            env.push_back(c.env);
-        const upgrade_run u = upgrade(env);
+        std::string env = c.env;
+        if (env.find("{kernel}") != std::string::npos)
+            env.replace(env.find("{kernel}"), 8, device("kernel"));
+        const upgrade_run u =
+            upgrade(env.empty() ? std::vector<std::string>{} : std::vector<std::string>{env});
         EXPECT_EQ(255, u.status) << c.what;
         const auto traces = trace_messages(u.out);
         EXPECT_EQ(1, std::count_if(traces.begin(), traces.end(),
