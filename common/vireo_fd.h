@@ -1,6 +1,9 @@
-// A file descriptor closed on every way out of the scope that opened it.
+// File descriptors: one closed on every way out of the scope that opened it, and whole reads
+// at an offset.
 #pragma once
 
+#include <cerrno>
+#include <cstdint>
 #include <unistd.h>
 
 struct fd_guard {
@@ -14,3 +17,19 @@ struct fd_guard {
     fd_guard(const fd_guard &) = delete;
     fd_guard &operator=(const fd_guard &) = delete;
 };
+
+// Reads n bytes at pos, going on after short reads; false on an error or the end of the file.
+inline bool vireo_read_fully_at(int fd, uint8_t *dst, int64_t pos, int64_t n)
+{
+    while (n > 0) {
+        const ssize_t got = pread(fd, dst, static_cast<size_t>(n), pos);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return false;
+        dst += got;
+        pos += got;
+        n -= got;
+    }
+    return true;
+}

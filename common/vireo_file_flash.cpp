@@ -77,21 +77,6 @@ void report(int64_t chunk, int64_t result)
     printf("ERROR write(%d) return %d.", static_cast<int>(chunk), static_cast<int>(result));
 }
 
-bool read_at(int fd, uint8_t *dst, int64_t pos, int64_t n)
-{
-    while (n > 0) {
-        const ssize_t got = pread(fd, dst, static_cast<size_t>(n), pos);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return false;
-        dst += got;
-        pos += got;
-        n -= got;
-    }
-    return true;
-}
-
 // One erase block of the device being written: what it holds and what it must hold.
 struct block_work {
     int fd; // written and erased through
@@ -134,8 +119,8 @@ struct block_work {
     // were.
     bool rewrite(int64_t from, int64_t to)
     {
-        if (!read_at(in, now_at(start), start, from - start) ||
-            !read_at(in, now_at(to), to, end - to)) {
+        if (!vireo_read_fully_at(in, now_at(start), start, from - start) ||
+            !vireo_read_fully_at(in, now_at(to), to, end - to)) {
             report(end - start, -1);
             return false;
         }
@@ -180,7 +165,7 @@ int32_t vireo_flash_write_units(int fd, const char *path, int32_t size,
         const int64_t to_page = std::min((to + page - 1) / page * page, block.end);
         loff_t at = block.start;
         if (in.fd < 0 || ioctl(fd, MEMGETBADBLOCK, &at) > 0 ||
-            !read_at(in.fd, block.now_at(from_page), from_page, to_page - from_page)) {
+            !vireo_read_fully_at(in.fd, block.now_at(from_page), from_page, to_page - from_page)) {
             report(to - pos, -1);
             return -1;
         }

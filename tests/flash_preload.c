@@ -14,6 +14,8 @@
  *  - VIREO_ERASE_LOG: every erase is logged as "<path> <offset> <length>";
  *  - VIREO_BAD_BLOCKS: colon-separated "<path>@<offset>" erase blocks that are bad: they
  *    refuse an erase, and MEMGETBADBLOCK says so (a write still lands, as on NAND);
+ *  - VIREO_STUCK_BYTES: colon-separated "<path>@<offset>" bytes of worn-out flash that read
+ *    0x00 whatever is programmed or erased, while the writes report success;
  *  - VIREO_FAIL_PATHS: colon-separated files whose writes and erases fail with EIO. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -90,6 +92,22 @@ static int bad_block(const char *path, unsigned long offset)
     return listed("VIREO_BAD_BLOCKS", entry);
 }
 
+/* Sets the stuck bytes of path that lie in [at, at + count) to 0x00 in buf (buf[0] at at). */
+static void stick(const char *path, unsigned char *buf, size_t count, off_t at)
+{
+    const char *list = getenv("VIREO_STUCK_BYTES");
+    const size_t n = strlen(path);
+    while (list && *list) {
+        const char *end = strchr(list, ':');
+        if (strncmp(list, path, n) == 0 && list[n] == '@') {
+            const off_t byte = (off_t)strtoul(list + n + 1, NULL, 0);
+            if (byte >= at && byte < at + (off_t)count)
+                buf[byte - at] = 0;
+        }
+        list = end ? end + 1 : NULL;
+    }
+}
+
 static ssize_t real_pwrite(int fd, const void *buf, size_t count, off_t at)
 {
     static ssize_t (*real)(int, const void *, size_t, off_t);
@@ -120,6 +138,7 @@ static ssize_t program(int fd, const char *path, const unsigned char *buf, size_
         }
         merged[i] = (ssize_t)i < old ? (merged[i] & buf[i]) : buf[i];
     }
+    stick(path, merged, count, at);
     const ssize_t r = real_pwrite(fd, merged, count, at);
     free(merged);
     return r;
@@ -200,6 +219,7 @@ static int flash_ioctl(int fd, const char *path, unsigned long request, void *ar
         }
         unsigned char *ff = malloc(e->length);
         memset(ff, 0xFF, e->length);
+        stick(path, ff, e->length, e->start);
         const ssize_t r = real_pwrite(fd, ff, e->length, e->start);
         free(ff);
         return r == (ssize_t)e->length ? 0 : -1;
