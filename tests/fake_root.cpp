@@ -3,6 +3,7 @@
 #include "common/vireo_endian.h"
 #include "common/vireo_platform.h"
 
+#include <dirent.h>
 #include <unistd.h>
 
 fake_root::fake_root()
@@ -35,6 +36,11 @@ void fake_root::ubi_volume(int dev, int vol, const std::string &name, const std:
     const std::string d = std::to_string(dev);
     const std::string v = std::to_string(vol);
     write("sys/class/ubi/ubi" + d + "/ubi" + d + "_" + v + "/name", name + "\n");
+    // What the UBI library reads to tell a volume node: the interface version, the device's
+    // numbers and the volume's own class directory.
+    write("sys/class/ubi/version", "1\n");
+    write("sys/class/ubi/ubi" + d + "/dev", std::to_string(240 + dev) + ":0\n");
+    write("sys/class/ubi/ubi" + d + "_" + v + "/name", name + "\n");
     write("dev/ubi" + d + "_" + v, content);
 }
 
@@ -46,6 +52,18 @@ std::string fake_root::at(const std::string &fixed) const
 std::string fake_root::bytes(const std::string &fixed) const
 {
     return read_file(at(fixed));
+}
+
+std::map<std::string, std::string> fake_root::devices() const
+{
+    std::map<std::string, std::string> out;
+    DIR *dir = opendir(join("dev").c_str());
+    for (const dirent *e; dir && (e = readdir(dir));)
+        if (e->d_name[0] != '.')
+            out[e->d_name] = bytes(std::string("/dev/") + e->d_name);
+    if (dir)
+        closedir(dir);
+    return out;
 }
 
 std::string content_header(uint32_t length, uint32_t checksum)

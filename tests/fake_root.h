@@ -5,6 +5,7 @@
 #include "test_util.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 struct fake_root : temp_dir {
@@ -13,12 +14,16 @@ struct fake_root : temp_dir {
     // MTD partition i: its sysfs name file, /dev/mtd<i> holding content padded with 0xFF
     // to size bytes (at least the content), and /dev/mtdblock<i>, the same bytes.
     void mtd(int i, const std::string &name, size_t size = 0, const std::string &content = "");
-    // Volume vol of UBI device dev: its sysfs name file and /dev/ubi<dev>_<vol>.
+    // Volume vol of UBI device dev: its sysfs files and /dev/ubi<dev>_<vol>, holding content
+    // (a plain file here; a UBI volume of content's size for a tool run under the preloaded
+    // library).
     void ubi_volume(int dev, int vol, const std::string &name, const std::string &content = "");
     // The fixed path under this root.
     std::string at(const std::string &fixed) const;
     // The bytes of a fixed path under this root.
     std::string bytes(const std::string &fixed) const;
+    // Every file below dev/ but hidden ones, by name: what a command must leave as it found it.
+    std::map<std::string, std::string> devices() const;
 };
 
 // The 16-byte content header (big-endian magic, length, checksum); a document behind it.

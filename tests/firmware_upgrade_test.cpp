@@ -4,7 +4,7 @@
 // sets them), logs every write and erase of the tool, and can make writes to a file fail.
 #include "openssl_ref.h"
 #include "pack_fixture.h"
-#include "raw_device.h"
+#include "upgrade_roads.h"
 
 #include <gtest/gtest.h>
 #include <sstream>
@@ -23,22 +23,6 @@ std::vector<raw_ptn> layout()
             {"kernel", 0x50000, 0x20000, std::string(0x1000, 'k')},
             {"rootfs", 0x70000, 0x20000, std::string(0x1000, 'r')}};
 }
-
-// VIREO_MTD_REWRITE: a file that another process changes (a byte 256 from its end) while
-// the tool waits for an erase, after its verification. VIREO_MTD_NO_ERASE: nothing erased.
-// The stand-in erases past the flash emulation, as the router's utility erases the chip.
-const char kMtd[] = R"SH(#!/bin/sh
-echo "mtd $*" >> "$VIREO_TEST_LOG"
-f="$VIREO_MTD_REWRITE"
-[ -n "$f" ] && printf X | LD_PRELOAD= dd of="$f" bs=1 seek=$(($(stat -c %s "$f") - 256)) conv=notrunc status=none
-[ -n "$VIREO_MTD_NO_ERASE" ] && exit 0
-for n in "$VIREO_TEST_ROOT"/sys/class/mtd/mtd*/name; do
-  [ "$(cat "$n")" = "$2" ] || continue
-  d=${n%/name}; f="$VIREO_TEST_ROOT/dev/${d##*/}"
-  head -c "$(stat -c %s "$f")" /dev/zero | tr '\0' '\377' | LD_PRELOAD= dd of="$f" conv=notrunc status=none
-done
-)SH";
-const char kLogOnly[] = "#!/bin/sh\necho \"$(basename \"$0\") $*\" >> \"$VIREO_TEST_LOG\"\n";
 
 struct upgrade_run {
     int status;
@@ -59,11 +43,7 @@ class Upgrade : public ::testing::Test
     void install(const std::vector<raw_ptn> &ptns)
     {
         dev = std::make_unique<raw_device>(ptns);
-        for (const auto &[tool, text] : {std::pair<const char *, const char *>{"mtd", kMtd},
-                                         {"ubiattach", kLogOnly},
-                                         {"ubidetach", kLogOnly}})
-            chmod(dev->write(std::string("bin/") + tool, text).c_str(), 0755);
-        dev->write("tmp/.keep", "");
+        install_stand_ins(*dev);
     }
     std::string device(const std::string &name) const
     {
@@ -76,14 +56,9 @@ class Upgrade : public ::testing::Test
     {
         const std::string log = dev->write("calls.log", ""), writes = dev->write("writes.log", ""),
                           erases = dev->write("erases.log", "");
-        std::vector<std::string> all = {"PATH=" + dev->join("bin") + ":" + getenv("PATH"),
-                                        "VIREO_TEST_LOG=" + log,
-                                        "VIREO_TEST_ROOT=" + dev->path,
-                                        "VIREO_WRITE_LOG=" + writes,
-                                        "VIREO_ERASE_LOG=" + erases,
-                                        "VIREO_FLASH_ROOT=" + dev->path,
-                                        "LD_PRELOAD=" VIREO_FLASH_PRELOAD,
-                                        "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0"};
+        std::vector<std::string> all = tool_env(*dev);
+        all.push_back("VIREO_WRITE_LOG=" + writes);
+        all.push_back("VIREO_ERASE_LOG=" + erases);
         all.insert(all.end(), env.begin(), env.end());
         run_result r =
             run_program(VIREO_FAKE_ROOT_TOOL, {dev->path, "-U", "-u", dir.join("up.bin")}, all);

@@ -4,7 +4,6 @@
 #include "pack_fixture.h"
 #include "ptn/vireo_extra_para.h"
 
-#include <dirent.h>
 #include <stdexcept>
 
 std::string devinfo_json(const std::string &model, const std::string &version,
@@ -57,17 +56,6 @@ std::vector<raw_ptn> raw_device::layout(const std::string &devinfo)
             {"extra-para", 0x30000, 0x10000, ""},
             {"kernel", 0x40000, 0x40000, std::string(0x1000, 'K')},
             {"rootfs", 0x80000, 0x40000, std::string(0x1000, 'R')}};
-}
-
-std::map<std::string, std::string> raw_device::devices() const
-{
-    std::map<std::string, std::string> out;
-    DIR *dir = opendir(join("dev").c_str());
-    for (const dirent *e; dir && (e = readdir(dir));)
-        if (e->d_name[0] != '.')
-            out[e->d_name] = bytes(std::string("/dev/") + e->d_name);
-    closedir(dir);
-    return out;
 }
 
 std::string entry_json(const std::string &model, const std::string &version,

@@ -44,8 +44,6 @@ struct raw_device : fake_root {
     // The usual layout: partition-table, device-info (this document), device-info.b,
     // extra-para, kernel and rootfs.
     static std::vector<raw_ptn> layout(const std::string &devinfo);
-    // Every file below dev/, by name: what a command must leave as it found it.
-    std::map<std::string, std::string> devices() const;
 };
 
 // One image of a firmware manifest.

@@ -1,13 +1,13 @@
 // Work mode "ubi" on a fake dual-image device: the boot flags and scores of the two images
 // (which image an upgrade switches off and on, and what each flag volume holds afterwards),
-// the check command, and the upgrade and roll-back as far as they get without the kernel's
-// UBI driver (volume updates themselves are tried on the virtual router). Flag volumes are
-// MTD partitions here, as the lookups fall back to them when no UBI volume has the name.
+// the check command, and the upgrade and roll-back. In the test's own process volumes are
+// MTD partitions, as the lookups fall back to them when no UBI volume has the name; the
+// tool run under the preloaded library writes emulated volumes through volume updates.
 #include "ubi/vireo_ubi.h"
 #include "ubi/vireo_ubi_flags.h"
 
 #include "pack_fixture.h"
-#include "raw_device.h"
+#include "upgrade_roads.h"
 
 #include <gtest/gtest.h>
 
@@ -211,4 +211,45 @@ TEST(UbiMode, RollBackFailures)
                   has_trace(dev.out, "Failed to get backup image 'extra-para' score."));
         EXPECT_TRUE(backup.empty() || backup == dev.bytes("/dev/ubi0_3")) << "left as it was";
     }
+}
+
+TEST(UbiMode, UpgradeAndRollBackThroughVolumeUpdates)
+{
+    // The tool as a user runs it, with volume updates emulated by the preloaded library.
+    upgrade_road road = make_upgrade_road("ubi");
+    fake_root &dev = *road.device;
+    const auto before = dev.devices();
+    run_result r = run_road(road);
+    ASSERT_EQ(0, r.status) << r.out << r.err;
+    std::map<std::string, std::string> want = before;
+    want["ubi0_2"] = padded(with_content_header(fwinfo_json("1.4.1 Build 1 Rel.1")), 0x4000);
+    want["ubi0_7"] = padded(pattern(0x4801, 37), 0x8000);
+    want["ubi0_9"] = before.at("ubi0_8"); // rootfs_data copied onto its twin, whole
+    want["ubi0_11"] = before.at("ubi0_10");
+    want.erase("ubi0_5"); // the flag record, over the old one's bytes
+    want["ubi0_3"] = dev.bytes("/dev/ubi0_3");
+    EXPECT_NE(before.at("ubi0_3"), want["ubi0_3"]) << "the support list is written";
+    const auto after = dev.devices();
+    for (const auto &[name, bytes] : want)
+        EXPECT_TRUE(bytes == after.at(name)) << name;
+    EXPECT_EQ(road.flag_done, content_of(after.at("ubi0_5")));
+
+    // A twin too small for its source: the volume update refuses to start, and the target
+    // stays flagged off.
+    road = make_upgrade_road("ubi");
+    road.device->ubi_volume(0, 11, "log.b", std::string(0x1000, '\xff'));
+    r = run_road(road);
+    EXPECT_EQ(255, r.status);
+    EXPECT_TRUE(
+        has_trace(r.out, "cannot start volume \"" + road.device->at("/dev/ubi0_11") + "\" update"));
+    EXPECT_TRUE(has_trace(r.out, "Faield to copy PTN[log] to PTN[log.b]."));
+    EXPECT_EQ(with_content_header(flag_doc(false, 1) + '\0'),
+              road.device->bytes("/dev/ubi0_5").substr(0, 16 + flag_doc(false, 1).size() + 1));
+
+    // Roll-back gives the backup the score above the primary's.
+    road = make_upgrade_road("rollback");
+    r = run_road(road);
+    EXPECT_EQ(0, r.status);
+    EXPECT_TRUE(has_trace(r.out, "Roll Back Success.")) << r.out;
+    EXPECT_EQ(road.flag_done, content_of(road.device->bytes(road.flag)));
 }

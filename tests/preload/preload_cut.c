@@ -1,0 +1,69 @@
+/* The power cut. With VIREO_CUT_AT=N the process is killed (SIGKILL: no cleanup, no flush) at
+ * its Nth flash-changing operation: before it (VIREO_CUT_MODE=before, the default), after it
+ * (after), or, for a write, once its first half has landed (tear; other operations are cut
+ * before). Flash-changing operations: a write to a flash node (".../dev/mtd<N>",
+ * "mtdblock<N>" or "ubi<D>_<V>", real or fake), an erase (MEMERASE), the start of a volume
+ * update (UBI_IOCVOLUP; its data are the writes that follow) and each system() command.
+ * With N = 0 nothing is cut: the operations are only counted. VIREO_CUT_LOG: each operation
+ * appended as "<n> <kind> <what>". */
+#include "preload.h"
+
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+static long operations;
+
+/* Whether name, after its last "/dev/", is prefix followed by digits (and, with pair, an
+ * underscore and more digits). */
+static int node_named(const char *name, const char *prefix, int pair)
+{
+    const size_t n = strlen(prefix);
+    if (strncmp(name, prefix, n) != 0)
+        return 0;
+    const char *p = name + n;
+    const size_t digits = strspn(p, "0123456789");
+    if (!digits)
+        return 0;
+    p += digits;
+    if (pair) {
+        if (*p++ != '_' || !strspn(p, "0123456789"))
+            return 0;
+        p += strspn(p, "0123456789");
+    }
+    return *p == '\0';
+}
+
+int flash_node(const char *path)
+{
+    const char *dev = NULL;
+    for (const char *p = strstr(path, "/dev/"); p; p = strstr(p + 1, "/dev/"))
+        dev = p + 5;
+    return dev && (node_named(dev, "mtd", 0) || node_named(dev, "mtdblock", 0) ||
+                   node_named(dev, "ubi", 1));
+}
+
+void cut_now(void)
+{
+    kill(getpid(), SIGKILL);
+    for (;;)
+        pause();
+}
+
+int cut_point(const char *kind, const char *what, int tearable)
+{
+    const char *at = getenv("VIREO_CUT_AT");
+    if (!at)
+        return CUT_NONE;
+    const long n = ++operations;
+    log_line("VIREO_CUT_LOG", "%ld %s %s\n", n, kind, what);
+    if (n != strtol(at, NULL, 0))
+        return CUT_NONE;
+    const char *mode = getenv("VIREO_CUT_MODE");
+    if (mode && strcmp(mode, "after") == 0)
+        return CUT_AFTER;
+    if (mode && strcmp(mode, "tear") == 0 && tearable)
+        return CUT_TEAR;
+    cut_now();
+}

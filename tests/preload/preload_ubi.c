@@ -1,0 +1,119 @@
+/* Every "<VIREO_FLASH_ROOT>/dev/ubi<D>_<V>" file is volume V of UBI device D, and
+ * "<VIREO_FLASH_ROOT>/dev/ubi<D>" the device: stat() shows character devices of major 240 + D
+ * and minor V + 1 (0 for the device), as the fake tree's sysfs says (fake_root::ubi_volume).
+ * A volume takes writes only through a volume update (UBI_IOCVOLUP with the number of bytes,
+ * at most the file's size, the volume's reserved room): the update empties the volume (all
+ * 0xFF) and leaves it damaged until that many bytes have been written; a damaged volume
+ * refuses to be read (EBADF), as after an interrupted update. The damage mark is the file
+ * ".<name>.updating" beside the volume. */
+#include "preload.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#define MAX_FD 4096
+#define UBI_MAJOR 240
+
+static long long update_left[MAX_FD]; /* bytes an update still expects */
+static char updating[MAX_FD];
+
+/* Device and volume (-1 for the device node) of a fake UBI node. */
+static int fake_ubi(const char *path, int *dev, int *vol)
+{
+    const char *name = fake_dev(path);
+    int used = 0;
+    if (!name || strncmp(name, "ubi", 3) != 0)
+        return 0;
+    *vol = -1;
+    if (sscanf(name, "ubi%d_%d%n", dev, vol, &used) == 2 && name[used] == '\0')
+        return 1;
+    return sscanf(name, "ubi%d%n", dev, &used) == 1 && name[used] == '\0';
+}
+
+int ubi_fake_volume(const char *path)
+{
+    int dev, vol;
+    return fake_ubi(path, &dev, &vol) && vol >= 0;
+}
+
+void ubi_fake_node(const char *path, struct stat *st)
+{
+    int dev, vol;
+    if (!fake_ubi(path, &dev, &vol) || !S_ISREG(st->st_mode))
+        return;
+    st->st_mode = (st->st_mode & 07777) | S_IFCHR;
+    st->st_rdev = makedev(UBI_MAJOR + dev, vol + 1);
+}
+
+static void mark_path(const char *path, char *mark, size_t size)
+{
+    const char *slash = strrchr(path, '/');
+    snprintf(mark, size, "%.*s/.%s.updating", (int)(slash - path), path, slash + 1);
+}
+
+int ubi_damaged(const char *path)
+{
+    char mark[4200];
+    if (!ubi_fake_volume(path))
+        return 0;
+    mark_path(path, mark, sizeof(mark));
+    return access(mark, F_OK) == 0;
+}
+
+static void set_damaged(const char *path, int on)
+{
+    char mark[4200];
+    mark_path(path, mark, sizeof(mark));
+    if (on)
+        close(open(mark, O_WRONLY | O_CREAT, 0644));
+    else
+        unlink(mark);
+}
+
+int ubi_update_start(int fd, const char *path, long long bytes)
+{
+    struct stat st;
+    if (fd < 0 || fd >= MAX_FD || fstat(fd, &st) != 0 || bytes < 0 || bytes > st.st_size) {
+        errno = EINVAL;
+        return -1;
+    }
+    unsigned char *ff = malloc(st.st_size ? (size_t)st.st_size : 1);
+    memset(ff, 0xFF, (size_t)st.st_size);
+    set_damaged(path, 1);
+    const ssize_t r = real_pwrite(fd, ff, (size_t)st.st_size, 0);
+    free(ff);
+    if (r != st.st_size)
+        return -1;
+    lseek(fd, 0, SEEK_SET);
+    update_left[fd] = bytes;
+    updating[fd] = bytes > 0;
+    if (!bytes)
+        set_damaged(path, 0);
+    return 0;
+}
+
+ssize_t ubi_update_write(int fd, const char *path, const void *buf, size_t count)
+{
+    if (fd < 0 || fd >= MAX_FD || !updating[fd]) {
+        errno = EPERM;
+        return -1;
+    }
+    const size_t n = (long long)count < update_left[fd] ? count : (size_t)update_left[fd];
+    const ssize_t r = real_write(fd, buf, n);
+    if (r > 0 && (update_left[fd] -= r) == 0) {
+        updating[fd] = 0;
+        set_damaged(path, 0);
+    }
+    return r;
+}
+
+void ubi_closed(int fd)
+{
+    if (fd >= 0 && fd < MAX_FD)
+        updating[fd] = 0;
+}

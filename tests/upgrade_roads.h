@@ -1,0 +1,43 @@
+// The roads of an upgrade, run as a user runs them on a fake device under the preloaded
+// flash library: the devices, their firmware files, the stand-ins for the router's "mtd",
+// "ubiattach" and "ubidetach", and what each road may change. Shared by the upgrade tests
+// and the power-cut sweep.
+#pragma once
+
+#include "raw_device.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+// Bytes of a device file ("/dev/mtd0"): [offset, offset + len), or the whole file (len 0).
+struct byte_range {
+    std::string file;
+    size_t offset = 0;
+    size_t len = 0;
+};
+
+struct upgrade_road {
+    std::string name;
+    std::unique_ptr<fake_root> device; // holds the firmware file (up.bin) too
+    std::vector<std::string> args;     // of the tool, after the root
+    std::vector<byte_range> carried;   // what the image brings into the target
+    std::vector<byte_range> user;      // user data the upgrade carries over: moves, copies
+    std::string flag;                  // the device file of the target's flag record
+    std::string flag_done;             // the flag record's document once installed
+};
+
+// The roads by name: "raw-moves" (a layout change with overlapping, growing and new
+// partitions), "raw" (the same layout), "raw-ubi" (an image carrying "ubi"), "ubi" (the UBI
+// work mode on emulated volumes, user data copied) and "rollback".
+std::vector<std::string> upgrade_road_names();
+upgrade_road make_upgrade_road(const std::string &name);
+
+// The environment of a tool run on root: the stand-ins first on the PATH, the preloaded
+// library and its flash emulation, and the stand-ins' log (root/calls.log).
+std::vector<std::string> tool_env(const fake_root &root);
+// Installs the stand-ins into root/bin. VIREO_MTD_NO_ERASE=1 makes "mtd erase" erase nothing;
+// VIREO_MTD_REWRITE=FILE changes a byte 256 from FILE's end before the erase.
+void install_stand_ins(const fake_root &root);
+// Runs the tool on the road's device with these settings added to tool_env.
+run_result run_road(const upgrade_road &road, const std::vector<std::string> &env = {});
