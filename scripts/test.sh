@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the plain and the sanitizer trees, checks the
-# formatting, runs every test in both trees and the scenarios of the virtual router, then the
-# aarch64 cross build's tests, the install and packaging checks and the libuci tests.
+# formatting, runs every test in both trees, the power-cut sweep of the upgrade roads and the
+# scenarios of the virtual router, then the aarch64 cross build's tests, the install and
+# packaging checks and the libuci tests.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,6 +21,8 @@ echo "== tests (plain build) =="
 ctest --test-dir build --output-on-failure -j2 | tee -a "$log" || status=1
 echo "== tests (AddressSanitizer + UndefinedBehaviorSanitizer build) =="
 ctest --test-dir build-asan --output-on-failure -j2 | tee -a "$log" || status=1
+echo "== a power cut at every flash operation of each upgrade road, on the host (scripts/powercut.sh) =="
+VIREO_POWERCUT_BUILD=0 bash scripts/powercut.sh | tee -a "$log" || status=1
 echo "== the tool on the kernel's MTD and UBI drivers (virtual router, rig/run.sh) =="
 bash rig/run.sh | tee -a "$log" || status=1
 echo "== aarch64 cross build, its tests under qemu-user (scripts/cross-test.sh) =="
