@@ -161,7 +161,7 @@ static int32_t write_plain_units(int fd, int32_t size, int32_t offset, int32_t l
 }
 
 int32_t vireo_file_write_units(const char *path, int32_t offset, int32_t len, int32_t block_size,
-                               const vireo_unit_source &next, uint32_t *out_len)
+                               const vireo_unit_source &next, uint32_t *out_len, bool erased)
 {
     if (bad_path(path) || len <= 0 || block_size <= 0) {
         VIREO_TRACE("Invalid param\n");
@@ -198,10 +198,10 @@ int32_t vireo_file_write_units(const char *path, int32_t offset, int32_t len, in
         sync();
     };
     vireo_flash_geometry geo{};
-    const int32_t r =
-        vireo_flash_geometry_of(file.fd, &geo)
-            ? vireo_flash_write_units(file.fd, path, size, geo, offset, len, block_size, next)
-            : write_plain_units(file.fd, size, offset, len, block_size, next);
+    const int32_t r = vireo_flash_geometry_of(file.fd, &geo)
+                          ? vireo_flash_write_units(file.fd, path, size, geo, offset, len,
+                                                    block_size, next, erased)
+                          : write_plain_units(file.fd, size, offset, len, block_size, next);
     if (r != 0) {
         close_and_sync();
         return -1;

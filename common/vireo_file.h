@@ -20,9 +20,12 @@ int32_t vireo_file_write_by_offset_block_mode(const char *path, int32_t offset, 
 // The bytes of the chunk that starts done bytes into a unit-by-unit write (chunk is at most
 // one unit): a pointer valid until the next call, or none to stop the write.
 using vireo_unit_source = std::function<const uint8_t *(uint32_t done, uint32_t chunk)>;
-// The block-mode write with its bytes supplied unit by unit; 0 / -1.
+// The block-mode write with its bytes supplied unit by unit; 0 / -1. With erased, the caller
+// has just erased the target ("mtd erase"): flash is programmed without being read first, and
+// the read-back after the write is what catches an erase that did not happen.
 int32_t vireo_file_write_units(const char *path, int32_t offset, int32_t len, int32_t block_size,
-                               const vireo_unit_source &next, uint32_t *out_len);
+                               const vireo_unit_source &next, uint32_t *out_len,
+                               bool erased = false);
 // Reads back len bytes of path at offset and compares them with what next supplies, in
 // units of block_size; with pad, the rest of the last unit (as far as the target reaches)
 // must read 0xFF. 0 when equal, 1 when they differ (*at: the first differing offset from

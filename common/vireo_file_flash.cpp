@@ -139,7 +139,7 @@ struct block_work {
 
 int32_t vireo_flash_write_units(int fd, const char *path, int32_t size,
                                 const vireo_flash_geometry &geo, int32_t offset, int32_t len,
-                                int32_t block_size, const vireo_unit_source &next)
+                                int32_t block_size, const vireo_unit_source &next, bool erased)
 {
     const int64_t span_end =
         offset + (static_cast<int64_t>(len) + block_size - 1) / block_size * block_size;
@@ -165,15 +165,17 @@ int32_t vireo_flash_write_units(int fd, const char *path, int32_t size,
         const int64_t to_page = std::min((to + page - 1) / page * page, block.end);
         loff_t at = block.start;
         if (in.fd < 0 || ioctl(fd, MEMGETBADBLOCK, &at) > 0 ||
-            !vireo_read_fully_at(in.fd, block.now_at(from_page), from_page, to_page - from_page)) {
+            (!erased && !vireo_read_fully_at(in.fd, block.now_at(from_page), from_page,
+                                             to_page - from_page))) {
             report(to - pos, -1);
             return -1;
         }
-        memcpy(block.want_at(from_page), block.now_at(from_page),
-               static_cast<size_t>(to_page - from_page));
+        const size_t n = static_cast<size_t>(to_page - from_page);
+        if (erased)
+            memset(block.now_at(from_page), 0xFF, n);
+        memcpy(block.want_at(from_page), block.now_at(from_page), n);
         if (!bytes.copy(pos, to - pos, block.want_at(pos)))
             return -1;
-        const size_t n = static_cast<size_t>(to_page - from_page);
         // A block that holds the bytes already is left as it is: no erase, no program.
         if (memcmp(block.want_at(from_page), block.now_at(from_page), n) != 0 &&
             !(all_erased(block.now_at(from_page), to_page - from_page)

@@ -21,7 +21,8 @@ int32_t vireo_flash_geometry_of(int fd, vireo_flash_geometry *geo);
 // 0xFF) onto the MTD device path, open for writing as fd, of size bytes. A padded last unit
 // that passes the end of the device lands as far as the device reaches and fails. A bad
 // block in the way, or a read, erase or program that fails, fails the write with the
-// writer's "ERROR write" line; units before it stay written. 0 / -1.
+// writer's "ERROR write" line; units before it stay written. With erased, the flash is taken
+// to be erased where the write programs, as the caller has just erased it. 0 / -1.
 int32_t vireo_flash_write_units(int fd, const char *path, int32_t size,
                                 const vireo_flash_geometry &geo, int32_t offset, int32_t len,
-                                int32_t block_size, const vireo_unit_source &next);
+                                int32_t block_size, const vireo_unit_source &next, bool erased);

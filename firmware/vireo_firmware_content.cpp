@@ -32,7 +32,8 @@ int32_t vireo_firmware_write_entry(const vireo_payload &payload, const up_ptn_in
         return -1;
     const int32_t len = static_cast<int32_t>(entry->size);
     const auto next = [&source](uint32_t done, uint32_t chunk) { return source.read(done, chunk); };
-    if (vireo_file_write_units(path, offset, len, MTD_WRITE_BLOCK_SIZE, next, nullptr) != 0)
+    // Every content goes onto the partition "mtd erase" has just erased.
+    if (vireo_file_write_units(path, offset, len, MTD_WRITE_BLOCK_SIZE, next, nullptr, true) != 0)
         return -1;
     // What the flash holds now decides, not what the write reported: an erase that did
     // not happen shows here.
