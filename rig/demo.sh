@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The tool's main job on the virtual router: packs and signs a firmware file with
-# vireo_firmware_pack, boots the router VR100 with its factory layout, runs -C and then -U,
+# vireo_firmware_pack, boots the router VR100 (its flash a NAND chip of the kernel's nandsim)
+# with its factory layout, runs -C and then -U,
 # and shows the partition table and the boot flag before and after (after a reboot, when
 # the new layout has become the router's partitions). Everything it needs is installed
 # from Debian's packages and built on the first run.
@@ -14,6 +15,7 @@ RIG_WORK=$RIG_BUILD/work/demo
 rm -rf "$RIG_WORK"
 data=$RIG_WORK/data
 mkdir -p "$data"
+rig_medium nand
 raw_factory "$data"
 raw_firmware "$data"
 cp "$data/factory.img" "$RIG_WORK/flash.img"
@@ -27,11 +29,11 @@ echo "\$ vireo_firmware_pack inspect up.bin | grep -E 'image|name|signature'"
 
 share=$(rig_share router "$RIG_DIR/guest/demo.sh")
 cp "$data/up.bin" "$share/"
-config="FLASH=block2mtd FLASH_SIZE=$((RAW_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$RAW_PTN_BASE"
+config=$(rig_flash_config "FLASH_SIZE=$((RAW_DISK)) PTN_BASE=$RAW_PTN_BASE")
 echo "$config PHASE=upgrade" >"$share/config"
 echo
-echo "== booting the router (QEMU, TCG) on its factory flash"
-rig_boot "$share" "$RIG_WORK/flash.img" || true
+echo "== booting the router (QEMU, TCG) on its factory flash: NAND, 2 KiB pages, 128 KiB erase blocks"
+rig_router "$share" "$RIG_WORK/flash.img" || true
 cat "$share/out/guest.log"
 echo "    (booted and powered off in ${RIG_BOOT_SECONDS}s; full traces in ${share#$RIG_ROOT/}/out/)"
 
@@ -39,5 +41,5 @@ share=$(rig_share reboot "$RIG_DIR/guest/demo.sh")
 echo "$config PHASE=reboot" >"$share/config"
 echo
 echo "== rebooting the router on the same flash: the partitions are those of its table now"
-rig_boot "$share" "$RIG_WORK/flash.img" || true
+rig_router "$share" "$RIG_WORK/flash.img" || true
 cat "$share/out/guest.log"

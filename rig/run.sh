@@ -15,7 +15,8 @@ for f in "$RIG_DIR"/scenarios/*.sh; do
     case $f in *.guest.sh) ;; *) . "$f" ;; esac
 done
 
-rig_all_scenarios=(identity signature raw raw-ubi ubi powercut-raw powercut-ubi rewrite)
+rig_all_scenarios=(identity signature raw raw-ubi ubi ubi-badblocks raw-badblock speed powercut-raw
+                   powercut-ubi rewrite)
 
 usage()
 {
@@ -49,6 +50,7 @@ for s in "${selected[@]}"; do
     rm -rf "$RIG_WORK"
     mkdir -p "$RIG_WORK"
     echo "== $s =="
+    rig_medium block2mtd
     ts=$SECONDS
     if "scenario_${s//-/_}"; then
         echo "PASS $s ($((SECONDS - ts)) s)"

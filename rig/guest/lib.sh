@@ -55,8 +55,23 @@ rig_read_record()
         count="$len" status=none
 }
 
+# The NAND chips nandsim makes, 8 MiB each: a large-page one (2 KiB pages, 128 KiB erase
+# blocks) and a small-page one (512-byte pages, 16 KiB erase blocks); software ECC.
+nand_chip()
+{
+    case $1 in
+    nand) echo "id_bytes=0xec,0xf1,0x00,0x15 overridesize=6" ;;
+    nand-small) echo "id_bytes=0x20,0x75 overridesize=9" ;;
+    esac
+}
+
 # The router's boot: brings the flash up as /dev/mtd0 and adds the partitions that its
 # partition table names, as the boot loader of the real device does.
+#   FLASH=mtdram | block2mtd (the virtio disk) | nand | nand-small (nandsim, which keeps its
+#   bytes in RAM: FLASH_IMAGE is programmed at boot, every byte at its offset, bad blocks
+#   included, and FLASH_SAVE=1 writes the flash back to /rig/out/flash.img at power-off);
+#   NAND_BADBLOCKS="N ..." erase blocks marked bad; NAND_BITFLIPS=N random bit flips per page
+#   read (corrected by the ECC).
 rig_flash_up()
 {
     modprobe mtd && modprobe mtdblock || return 1
@@ -74,6 +89,15 @@ rig_flash_up()
         while [ ! -b /dev/vda ] && [ $i -lt 50 ]; do sleep 0.1; i=$((i + 1)); done
         modprobe block2mtd block2mtd=/dev/vda,$((ERASE_SIZE / 1024))KiB || return 1
         ;;
+    nand | nand-small)
+        local extra=""
+        [ -n "$NAND_BADBLOCKS" ] && extra="badblocks=$(echo $NAND_BADBLOCKS | tr ' ' ,)"
+        [ -n "$NAND_BITFLIPS" ] && extra="$extra bitflips=$NAND_BITFLIPS"
+        modprobe nandsim $(nand_chip "$FLASH") $extra || return 1
+        if [ -n "$FLASH_IMAGE" ]; then
+            nandwrite -q -N -k -p /dev/mtd0 "/rig/$FLASH_IMAGE" || return 1
+        fi
+        ;;
     esac
     # block2mtd writes into the page cache of /dev/vda: have the flusher write dirty pages
     # out at once (background threshold one page, every 10 ms), so the flash file follows
@@ -87,10 +111,7 @@ rig_flash_up()
             return 1
         }
         rig_table_entries /tmp/ptn.json >/tmp/ptn.list
-        local name base size
-        while read -r name base size; do
-            mtdpart add /dev/mtd0 "$name" "$base" "$size" || return 1
-        done </tmp/ptn.list
+        rig_partitions_up /tmp/ptn.list || return 1
     fi
     modprobe ubi || return 1
     local pair
@@ -98,6 +119,26 @@ rig_flash_up()
         ubiattach -m "$(mtd_index "${pair%:*}")" -d "${pair#*:}" >/dev/null || return 1
     done
     return 0
+}
+
+# Adds the partitions of LIST ("NAME BASE SIZE" lines) on /dev/mtd0 with the rig's module;
+# removing the module first takes away those of an earlier table.
+rig_partitions_up()
+{
+    local layout="" name base size
+    while read -r name base size; do
+        layout="$layout${layout:+,}$base:$size:$name"
+    done <"$1"
+    rmmod rig_mtdparts 2>/dev/null
+    modprobe rig_mtdparts layout="$layout"
+}
+
+# At power-off: the flash of a nandsim router back to the host, when the scenario asks.
+rig_flash_down()
+{
+    case $FLASH in nand | nand-small) ;; *) return 0 ;; esac
+    [ "$FLASH_SAVE" = 1 ] || return 0
+    dd if=/dev/mtd0 of=/rig/out/flash.img bs=131072 status=none
 }
 
 ok()

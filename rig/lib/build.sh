@@ -41,6 +41,10 @@ rig_build_tool()
     cmake --build "$tree" -j2 >/dev/null
     RIG_TOOL=$tree/vireo_firmware_upgrade
     RIG_PACK=$tree/vireo_firmware_pack
+    # The tests' preloaded library, for the power cuts the router makes at a chosen flash
+    # operation of the tool.
+    RIG_PRELOAD=$tree/vireo_flash_preload.so
+    cc -shared -fPIC -O2 -o "$RIG_PRELOAD" "$src"/tests/preload/*.c -ldl
 }
 
 # The kernel package that linux-image-amd64 depends on, as apt knows it.
@@ -100,10 +104,33 @@ rig_modules=(
     net/9p/9pnet.ko net/9p/9pnet_virtio.ko fs/9p/9p.ko fs/netfs/netfs.ko fs/fscache/fscache.ko
     drivers/mtd/mtd.ko drivers/mtd/devices/mtdram.ko drivers/mtd/devices/block2mtd.ko
     drivers/mtd/mtd_blkdevs.ko drivers/mtd/mtdblock.ko drivers/mtd/ubi/ubi.ko
+    drivers/mtd/nand/nandcore.ko drivers/mtd/nand/raw/nand.ko drivers/mtd/nand/raw/nandsim.ko
+    lib/bch.ko
 )
 
-rig_mtd_utils=(flash_erase mtdpart mtdinfo ubiattach ubidetach ubimkvol ubirmvol ubiupdatevol
+rig_mtd_utils=(flash_erase mtdinfo nandwrite ubiattach ubidetach ubimkvol ubirmvol ubiupdatevol
                ubinfo)
+
+# The rig's own kernel module (rig/kmod, test equipment), built with Kbuild against Debian's
+# headers of the rig's kernel, which are installed when missing.
+rig_build_kmod()
+{
+    local headers=/usr/src/linux-headers-$RIG_KVER out=$RIG_BUILD/kmod
+    if [ ! -d "$headers" ]; then
+        echo "rig: installing linux-headers-$RIG_KVER"
+        local sudo=""
+        [ "$(id -u)" -ne 0 ] && sudo="sudo"
+        DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends \
+            "linux-headers-$RIG_KVER" >/dev/null
+    fi
+    mkdir -p "$out"
+    if ! cmp -s "$RIG_DIR/kmod/rig_mtdparts.c" "$out/rig_mtdparts.c" || [ ! -f "$out/rig_mtdparts.ko" ]; then
+        cp "$RIG_DIR/kmod/rig_mtdparts.c" "$RIG_DIR/kmod/Kbuild" "$out/"
+        make -s -C "$headers" M="$out" modules >"$out/build.log" 2>&1 ||
+            { cat "$out/build.log" >&2; return 1; }
+    fi
+    RIG_KMOD=$out/rig_mtdparts.ko
+}
 
 # Copies a dynamically linked program and the libraries it needs into the tree.
 rig_copy_program()
@@ -115,7 +142,8 @@ rig_copy_program()
     done
 }
 
-# The initramfs: busybox, the modules, mtd-utils, the tool, the init and the `mtd` stand-in.
+# The initramfs: busybox, the modules (the rig's own among them), mtd-utils, the tool, the
+# init and the `mtd` stand-in.
 rig_build_initramfs()
 {
     local tree=$RIG_BUILD/initramfs m
@@ -125,11 +153,13 @@ rig_build_initramfs()
     for m in "${rig_modules[@]}"; do
         install -D -m 0644 "$RIG_MODULES/kernel/$m" "$tree/lib/modules/$RIG_KVER/kernel/$m"
     done
+    install -D -m 0644 "$RIG_KMOD" "$tree/lib/modules/$RIG_KVER/extra/rig_mtdparts.ko"
     busybox depmod -b "$tree" "$RIG_KVER"
     for m in "${rig_mtd_utils[@]}"; do
         rig_copy_program "/usr/sbin/$m" "/usr/sbin/$m" "$tree"
     done
     rig_copy_program "$RIG_TOOL" /usr/sbin/vireo_firmware_upgrade "$tree"
+    install -D -m 0755 "$RIG_PRELOAD" "$tree/usr/lib/vireo_flash_preload.so"
     install -m 0755 "$RIG_DIR/guest/init" "$tree/init"
     install -m 0755 "$RIG_DIR/guest/mtd" "$tree/usr/sbin/mtd"
     install -m 0644 "$RIG_DIR/guest/lib.sh" "$tree/lib/rig.sh"
@@ -143,5 +173,6 @@ rig_build_all()
     rig_install_packages
     rig_build_tool
     rig_fetch_kernel
+    rig_build_kmod
     rig_build_initramfs
 }

@@ -22,20 +22,48 @@ rig_share()
     echo "$share"
 }
 
-# rig_guest SHARE [FLASH]: boots the VM and reports its checks. Result: the guest's status.
-rig_guest()
+# rig_router SHARE [FLASH]: boots the VM on the current medium (rig_medium) with the flash
+# image file FLASH as its flash. On block2mtd the file is the flash; nandsim keeps its bytes
+# in RAM, so the file is programmed at boot and the flash written back to it at power-off.
+# Result: the guest's status (96 when the flash did not come back).
+rig_router()
 {
-    local share=$1 status=0
-    rig_boot "$@" || status=$?
-    local log=$share/out/guest.log
-    local oks=0
-    [ -f "$log" ] && oks=$(grep -c '^ok - ' "$log" || true)
-    echo "    ${share##*/}: $oks checks passed, boot to power-off ${RIG_BOOT_SECONDS}s"
-    [ -f "$log" ] && grep '^not ok - ' "$log" | sed 's/^/    /' || true
-    [ $status -eq 97 ] && echo "    no end marker; console: $share/console.log"
+    local share=$1 flash=${2:-} status=0
+    case $RIG_MEDIUM in
+    nand | nand-small)
+        if [ -n "$flash" ]; then
+            cp "$flash" "$share/flash.img"
+            echo "FLASH_IMAGE=flash.img FLASH_SAVE=1" >>"$share/config"
+        fi
+        rig_boot "$share" || status=$?
+        if [ -n "$flash" ]; then
+            if [ -f "$share/out/flash.img" ]; then
+                mv "$share/out/flash.img" "$flash"
+            else
+                status=96
+            fi
+            rm -f "$share/flash.img"
+        fi
+        ;;
+    *) rig_boot "$share" "$flash" || status=$? ;;
+    esac
     return $status
 }
 
+# rig_guest SHARE [FLASH]: rig_router, then the report of the guest's checks.
+rig_guest()
+{
+    local share=$1 status=0
+    rig_router "$@" || status=$?
+    local log=$share/out/guest.log
+    local oks=0
+    [ -f "$log" ] && oks=$(grep -c '^ok - ' "$log" || true)
+    echo "    ${share##*/}: $oks checks passed on $RIG_MEDIUM, boot to power-off ${RIG_BOOT_SECONDS}s"
+    [ -f "$log" ] && grep '^not ok - ' "$log" | sed 's/^/    /' || true
+    [ $status -eq 97 ] && echo "    no end marker; console: $share/console.log"
+    [ $status -eq 96 ] && echo "    the flash did not come back from the router"
+    return $status
+}
 
 # rig_device DEVICE DIR: DEVICE's (raw, dual or ubi) factory flash, firmware files and
 # expected contents after the upgrade, in DIR.

@@ -118,13 +118,39 @@ rig_pack()
         >/dev/null
 }
 
-# UBI geometry of the rig's flash: 64 KiB erase blocks, byte-wise writes (block2mtd and
-# mtdram are both RAM-like), so each LEB loses 128 bytes to the two UBI headers.
-RIG_PEB=65536
-RIG_LEB=$((65536 - 128))
+# rig_medium MEDIUM: the flash the next device is made for, and its UBI geometry: erase block
+# (RIG_PEB), minimal I/O unit and sub-page (RIG_MIN_IO, RIG_SUB_PAGE) and the room a LEB
+# leaves after UBI's two headers (RIG_LEB), as the kernel's UBI finds them on that medium.
+#   block2mtd, mtdram: 64 KiB erase blocks, byte-wise writes;
+#   nand: nandsim's large-page chip, 2 KiB pages written in 512-byte sub-pages, 128 KiB blocks;
+#   nand-small: its small-page chip, 512-byte pages in 256-byte sub-pages, 16 KiB blocks.
+rig_medium()
+{
+    RIG_MEDIUM=$1
+    case $1 in
+    block2mtd | mtdram) RIG_PEB=65536 RIG_MIN_IO=1 RIG_SUB_PAGE=1 ;;
+    nand) RIG_PEB=131072 RIG_MIN_IO=2048 RIG_SUB_PAGE=512 ;;
+    nand-small) RIG_PEB=16384 RIG_MIN_IO=512 RIG_SUB_PAGE=256 ;;
+    *) echo "rig: unknown medium $1" >&2; return 1 ;;
+    esac
+    # The EC header takes the first sub-page (64 bytes with byte-wise writes), the VID
+    # header the next; data start at the next minimal I/O unit.
+    local vid=$((RIG_SUB_PAGE > 1 ? RIG_SUB_PAGE : 64))
+    local start=$(((vid + 64 + RIG_MIN_IO - 1) / RIG_MIN_IO * RIG_MIN_IO))
+    RIG_LEB=$((RIG_PEB - start))
+}
+rig_medium block2mtd
 
-# rig_ubinize OUT SIZE "NAME LEBS [FILE]" ...: a UBI image of dynamic volumes, padded with
-# 0xFF to SIZE bytes.
+# The config line of a router on the current medium: FLASH, ERASE_SIZE and the rest given.
+rig_flash_config()
+{
+    echo "FLASH=$RIG_MEDIUM ERASE_SIZE=$RIG_PEB $*"
+}
+
+# rig_ubinize OUT SIZE "NAME LEBS [FILE]" ...: a UBI image of dynamic volumes for the current
+# medium, padded with 0xFF to SIZE bytes. With RIG_UBI_BAD="I ...", the erase blocks at those
+# indexes are left erased and the image goes on behind them, as a flasher that skips bad
+# blocks writes it: UBI takes its blocks wherever they are.
 rig_ubinize()
 {
     local out=$1 size=$2 cfg id=0 name lebs file
@@ -137,8 +163,14 @@ rig_ubinize()
         [ -n "$file" ] && printf 'image=%s\n' "$file" >>"$cfg"
         id=$((id + 1))
     done
-    ubinize -o "$out" -p $RIG_PEB -m 1 "$cfg" >/dev/null
+    ubinize -o "$out" -p $RIG_PEB -m $RIG_MIN_IO -s $RIG_SUB_PAGE "$cfg" >/dev/null
     rm -f "$cfg"
+    local bad
+    for bad in $(printf '%s\n' ${RIG_UBI_BAD:-} | sort -n); do
+        { head -c $((bad * RIG_PEB)) "$out"; head -c $RIG_PEB /dev/zero | tr '\0' '\377'
+          tail -c +$((bad * RIG_PEB + 1)) "$out"; } >"$out.tmp"
+        mv "$out.tmp" "$out"
+    done
     rig_pad "$out" "$size"
 }
 

@@ -4,37 +4,39 @@
 
 RAW_DISK=0x800000
 
-# name base size: the factory layout.
+# name base size: the factory layout, every partition aligned to 128 KiB so that it serves
+# on the NAND router (128 KiB erase blocks) as on RAM-like flash.
 raw_old_layout=(
     "BL2 0x000000 0x020000"
     "FIP 0x020000 0x040000"
-    "partition-table 0x060000 0x010000"
-    "device-info 0x070000 0x010000"
-    "extra-para 0x080000 0x010000"
-    "firmware-info 0x090000 0x010000"
-    "support-list 0x0A0000 0x010000"
-    "user-config 0x0B0000 0x010000"
-    "log 0x0C0000 0x020000"
-    "kernel 0x100000 0x200000"
-    "rootfs 0x300000 0x300000"
+    "partition-table 0x060000 0x020000"
+    "device-info 0x080000 0x020000"
+    "extra-para 0x0A0000 0x020000"
+    "firmware-info 0x0C0000 0x020000"
+    "support-list 0x0E0000 0x020000"
+    "user-config 0x100000 0x020000"
+    "log 0x120000 0x020000"
+    "kernel 0x140000 0x200000"
+    "rootfs 0x340000 0x300000"
 )
 
-# The image's layout: "log" grows, "FIP" and "user-config" move, "radio" is new. The
-# partitions the image carries keep their places, since their new content is written to the
-# running system's partition of that name.
+# The image's layout: "log" moves down into the place of "user-config" and grows over its
+# own, "user-config" and "FIP" move to the end, "radio" is new. The partitions the image
+# carries keep their places, since their new content is written to the running system's
+# partition of that name.
 raw_new_layout=(
     "BL2 0x000000 0x020000"
-    "partition-table 0x060000 0x010000"
-    "device-info 0x070000 0x010000"
-    "extra-para 0x080000 0x010000"
-    "firmware-info 0x090000 0x010000"
-    "support-list 0x0A0000 0x010000"
-    "log 0x0C0000 0x040000"
-    "kernel 0x100000 0x200000"
-    "rootfs 0x300000 0x300000"
-    "FIP 0x600000 0x040000"
-    "user-config 0x640000 0x010000"
-    "radio 0x650000 0x010000"
+    "partition-table 0x060000 0x020000"
+    "device-info 0x080000 0x020000"
+    "extra-para 0x0A0000 0x020000"
+    "firmware-info 0x0C0000 0x020000"
+    "support-list 0x0E0000 0x020000"
+    "log 0x100000 0x040000"
+    "kernel 0x140000 0x200000"
+    "rootfs 0x340000 0x300000"
+    "user-config 0x640000 0x020000"
+    "FIP 0x660000 0x040000"
+    "radio 0x6A0000 0x020000"
 )
 
 RAW_PTN_BASE=0x060000
@@ -56,12 +58,12 @@ raw_factory()
     rig_table_json $RAW_DISK "${raw_old_layout[@]}" | rig_record "$dir/ptn-old.rec"
     rig_put "$img" 0x060000 "$dir/ptn-old.rec"
     rig_device_info VR100 55530000 | rig_record "$dir/device-info.rec"
-    rig_put "$img" 0x070000 "$dir/device-info.rec"
+    rig_put "$img" 0x080000 "$dir/device-info.rec"
     printf '{"dbootFlag":"1","integerFlag":"1","fwFlag":"GOOD","score":0,"note":"factory settings of the VR100"}' |
         rig_record "$dir/extra-para.rec"
-    rig_put "$img" 0x080000 "$dir/extra-para.rec"
+    rig_put "$img" 0x0A0000 "$dir/extra-para.rec"
     rig_firmware_info "1.0.0 Build 20260101 Rel.00001" VR100-FACTORY | rig_record "$dir/fwinfo-old.rec"
-    rig_put "$img" 0x090000 "$dir/fwinfo-old.rec"
+    rig_put "$img" 0x0C0000 "$dir/fwinfo-old.rec"
     local part
     for part in BL2 FIP user-config log kernel rootfs; do
         rig_random "$dir/old-$part.bin" "$(raw_layout_field "$part" 3 "${raw_old_layout[@]}")" \
@@ -112,9 +114,11 @@ raw_expected()
 {
     local dir=$1 exp=$1/expected.img
     cp "$dir/factory.img" "$exp"
-    # Moves, from the factory bytes: "log" onto itself, "FIP" and "user-config" away.
-    rig_put "$exp" 0x600000 "$dir/old-FIP.bin"
+    # Moves, from the factory bytes (each of its old size): "log" down over the old place of
+    # "user-config", "user-config" and "FIP" away.
+    rig_put "$exp" 0x100000 "$dir/old-log.bin"
     rig_put "$exp" 0x640000 "$dir/old-user-config.bin"
+    rig_put "$exp" 0x660000 "$dir/old-FIP.bin"
     local part base size
     # Erases of the running system's partitions.
     for part in partition-table firmware-info support-list BL2 FIP kernel rootfs; do
@@ -127,17 +131,17 @@ raw_expected()
     rig_record "$dir/fwinfo-new.rec" <"$dir/fwinfo-new.json"
     rig_record "$dir/support-vr100.rec" <"$dir/support-vr100.json"
     local pair
-    for pair in ptn-new.rec:0x060000 fwinfo-new.rec:0x090000 support-vr100.rec:0x0A0000 \
-        new-BL2.bin:0x000000 new-FIP.bin:0x600000 new-kernel.bin:0x100000 \
-        new-rootfs.bin:0x300000; do
+    for pair in ptn-new.rec:0x060000 fwinfo-new.rec:0x0C0000 support-vr100.rec:0x0E0000 \
+        new-BL2.bin:0x000000 new-FIP.bin:0x660000 new-kernel.bin:0x140000 \
+        new-rootfs.bin:0x340000; do
         cp "$dir/${pair%:*}" "$dir/padded"
         size=$(wc -c <"$dir/padded")
         rig_pad "$dir/padded" $(((size + 2047) / 2048 * 2048))
         rig_put "$exp" "${pair#*:}" "$dir/padded"
     done
-    rig_get "$dir/factory.img" 0x080000 0x010000 "$dir/extra-para.exp"
+    rig_get "$dir/factory.img" 0x0A0000 0x020000 "$dir/extra-para.exp"
     rig_flag_overlay "$dir/extra-para.exp" on 0 0
-    rig_put "$exp" 0x080000 "$dir/extra-para.exp"
+    rig_put "$exp" 0x0A0000 "$dir/extra-para.exp"
     rm -f "$dir/ff" "$dir/padded"
     printf '%s\n' "${raw_new_layout[@]}" >"$dir/new.list"
 }

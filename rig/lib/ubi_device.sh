@@ -10,16 +10,20 @@ ubi_layout=(
     "ubi 0x080000 0x780000"
 )
 
-# name LEBs: the volumes of UBI device 0, primary and backup image.
+# name bytes: the volumes of UBI device 0, primary and backup image, and the room each needs
+# (a whole number of LEBs of the medium's UBI).
 ubi_volumes=(
     "device-info 1" "firmware-info 1" "firmware-info.b 1" "support-list 1"
-    "extra-para 1" "extra-para.b 1" "kernel 6" "kernel.b 6" "rootfs 16" "rootfs.b 16"
-    "rootfs_data 4" "rootfs_data.b 4" "log 2" "log.b 2"
+    "extra-para 1" "extra-para.b 1" "kernel 400000" "kernel.b 400000" "rootfs 1100000"
+    "rootfs.b 1100000" "rootfs_data 250000" "rootfs_data.b 250000" "log 100000" "log.b 100000"
 )
 
+# The LEBs of volume NAME.
 ubi_lebs()
 {
-    printf '%s\n' "${ubi_volumes[@]}" | awk -v n="$1" '$1 == n { print $2 }'
+    local bytes
+    bytes=$(printf '%s\n' "${ubi_volumes[@]}" | awk -v n="$1" '$1 == n { print $2 }')
+    echo $(((bytes + RIG_LEB - 1) / RIG_LEB))
 }
 
 # ubi_factory DIR: DIR/factory.img and DIR/factory/NAME, each volume as it reads back
@@ -45,7 +49,8 @@ ubi_factory()
     rig_random "$vol/log" 70000 ubi-log
     local entries=() entry name lebs
     for entry in "${ubi_volumes[@]}"; do
-        read -r name lebs <<<"$entry"
+        name=${entry%% *}
+        lebs=$(ubi_lebs "$name")
         if [ -f "$vol/$name" ]; then
             entries+=("$name $lebs $vol/$name")
         else
@@ -55,8 +60,8 @@ ubi_factory()
     done
     rig_ubinize "$dir/ubi.img" 0x780000 "${entries[@]}"
     for entry in "${ubi_volumes[@]}"; do
-        read -r name lebs <<<"$entry"
-        rig_pad "$vol/$name" $((lebs * RIG_LEB))
+        name=${entry%% *}
+        rig_pad "$vol/$name" $(($(ubi_lebs "$name") * RIG_LEB))
     done
     rig_blank "$dir/factory.img" $UBI_DISK
     rig_table_json $UBI_DISK "${ubi_layout[@]}" | rig_record "$dir/ptn.rec"

@@ -1,23 +1,24 @@
 # Guest part of the identity scenario.
 . /lib/rig.sh
+. /rig/config
 
 data=$(mtd_dev data)
 n=${data#/dev/mtd}
 [ -n "$data" ] && ok "partition 'data' is $data" || not_ok "no partition 'data'"
-expect_value "mtdN reads the partition's size" $((0x030000)) "$(wc -c <"$data")"
-expect_value "sysfs size of mtd$n" $((0x030000)) "$(cat /sys/class/mtd/mtd$n/size)"
+expect_value "mtdN reads the partition's size" $((0x060000)) "$(wc -c <"$data")"
+expect_value "sysfs size of mtd$n" $((0x060000)) "$(cat /sys/class/mtd/mtd$n/size)"
 
 # Written through the partition's character device, read through the three other views.
 flash_erase -q "$data" 0 0
 dd if=/rig/data.bin of="$data" bs=2048 status=none
 expect_bytes "mtd$n written, mtd$n read" "$data" 0 /rig/data.bin
 expect_bytes "mtd$n written, mtdblock$n read" "/dev/mtdblock$n" 0 /rig/data.bin
-expect_bytes "mtd$n written, mtd0 read at the base" /dev/mtd0 0x050000 /rig/data.bin
-expect_bytes "mtd$n written, mtdblock0 read at the base" /dev/mtdblock0 0x050000 /rig/data.bin
+expect_bytes "mtd$n written, mtd0 read at the base" /dev/mtd0 0x060000 /rig/data.bin
+expect_bytes "mtd$n written, mtdblock0 read at the base" /dev/mtdblock0 0x060000 /rig/data.bin
 
 # Written through the whole flash's block device, read through the partition.
-dd if=/dev/zero bs=65536 count=3 2>/dev/null | tr '\0' Z >/tmp/zz
-dd if=/tmp/zz of=/dev/mtdblock0 bs=65536 seek=$((0x050000 / 65536)) status=none
+dd if=/dev/zero bs=65536 count=6 2>/dev/null | tr '\0' Z >/tmp/zz
+dd if=/tmp/zz of=/dev/mtdblock0 bs=65536 seek=$((0x060000 / 65536)) status=none
 sync
 expect_bytes "mtdblock0 written, mtd$n read" "$data" 0 /tmp/zz
 
@@ -34,6 +35,8 @@ ubimkvol /dev/ubi0 -N vol -s 262144 >/dev/null && ok "ubimkvol" || not_ok "ubimk
 vol=$(ubi_vol_dev 0 vol)
 ubiupdatevol "$vol" /rig/vol.bin && ok "ubiupdatevol $vol" || not_ok "ubiupdatevol"
 d=/sys/class/ubi/${vol#/dev/}
+expect_value "UBI's LEB on $FLASH is the one the host makes images for" "$UBI_LEB" \
+    "$(cat "$d/usable_eb_size")"
 reserved=$(($(cat "$d/reserved_ebs") * $(cat "$d/usable_eb_size")))
 expect_value "volume reads back at its reserved size" "$reserved" "$(wc -c <"$vol")"
 cp /rig/vol.bin /tmp/vol.expect

@@ -1,33 +1,35 @@
 # Device identity: the whole flash, a partition's character device and its block device
-# show the same bytes, on mtdram and on block2mtd; a UBI volume replaced with ubiupdatevol
-# reads back as the image followed by 0xFF up to its reserved size.
+# show the same bytes, on mtdram, block2mtd and both NAND chips; UBI on each finds the LEB
+# size the host makes its images for, and a volume replaced with ubiupdatevol reads back as
+# the image followed by 0xFF up to its reserved size.
 
 identity_layout=(
     "BL2 0x000000 0x040000"
-    "partition-table 0x040000 0x010000"
-    "data 0x050000 0x030000"
-    "ubi 0x080000 0x380000"
+    "partition-table 0x040000 0x020000"
+    "data 0x060000 0x060000"
+    "ubi 0x0C0000 0x340000"
 )
 
 scenario_identity()
 {
     local status=0 backend flash share
-    for backend in mtdram block2mtd; do
+    for backend in mtdram block2mtd nand nand-small; do
+        rig_medium "$backend"
         share=$(rig_share "$backend" "$RIG_DIR/scenarios/identity.guest.sh")
         flash=$share/flash.img
         rig_blank "$flash" 0x400000
         rig_table_json 0x400000 "${identity_layout[@]}" | rig_record "$share/ptn.rec"
         rig_put "$flash" 0x040000 "$share/ptn.rec"
-        rig_random "$share/data.bin" 0x030000 identity-data
+        rig_random "$share/data.bin" 0x060000 identity-data
         rig_random "$share/vol.bin" 100000 identity-volume
         {
-            echo "FLASH=$backend FLASH_SIZE=$((0x400000)) ERASE_SIZE=$RIG_PEB PTN_BASE=0x040000"
-            [ "$backend" = mtdram ] && echo "FLASH_IMAGE=flash.img"
+            rig_flash_config "FLASH_SIZE=$((0x400000)) PTN_BASE=0x040000 UBI_LEB=$RIG_LEB"
+            [ "$backend" != block2mtd ] && echo "FLASH_IMAGE=flash.img"
         } >"$share/config"
-        if [ "$backend" = mtdram ]; then
-            rig_guest "$share" || status=1
-        else
+        if [ "$backend" = block2mtd ]; then
             rig_guest "$share" "$flash" || status=1
+        else
+            rig_guest "$share" || status=1
         fi
     done
     return $status

@@ -12,7 +12,7 @@ scenario_powercut_raw()
     local data=$RIG_WORK/data
     rig_device dual "$data"
     cat >"$data/config" <<CONFIG
-FLASH=block2mtd FLASH_SIZE=$((DUAL_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$DUAL_PTN_BASE
+$(rig_flash_config "FLASH_SIZE=$((DUAL_DISK)) PTN_BASE=$DUAL_PTN_BASE")
 TOOL_ARGS="-U -u /tmp/up.bin"
 OTHER="$dual_other" TARGET="$dual_target" FLAG="$dual_flag" FACTORY_FLAG=GOOD:1 DONE_FLAG=GOOD:3
 CONFIG
@@ -31,7 +31,7 @@ scenario_powercut_ubi()
         target="$target ubi0:$name"
     done
     cat >"$data/config" <<CONFIG
-FLASH=block2mtd FLASH_SIZE=$((UBI_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$UBI_PTN_BASE
+$(rig_flash_config "FLASH_SIZE=$((UBI_DISK)) PTN_BASE=$UBI_PTN_BASE")
 UBI_ATTACH=ubi:0 TOOL_ARGS="-U -w ubi -p 0 -u /tmp/up.bin"
 OTHER="$other" TARGET="$target" FLAG=ubi0:extra-para.b FACTORY_FLAG=GOOD:1 DONE_FLAG=GOOD:3
 CONFIG

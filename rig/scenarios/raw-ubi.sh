@@ -1,16 +1,17 @@
-# Raw flash, image carrying "ubi": "extra-para-ubi" is attached as UBI device 4 for the
-# flags, "ubi" and "firmware-info" go to their ".b" twins by score, and the running image
-# is left alone.
+# Raw flash on NAND (512-byte pages, 16 KiB erase blocks: the layout is aligned to 64 KiB),
+# image carrying "ubi": "extra-para-ubi" is attached as UBI device 4 for the flags, "ubi" and
+# "firmware-info" go to their ".b" twins by score, and the running image is left alone.
 
 scenario_raw_ubi()
 {
     local data=$RIG_WORK/data share
+    rig_medium nand-small
     rig_device dual "$data"
     cp "$data/factory.img" "$RIG_WORK/flash.img"
     share=$(rig_share vm "$RIG_DIR/scenarios/raw-ubi.guest.sh")
     cp -r "$data/up.bin" "$data/factory" "$data/upgraded" "$share/"
     cat >"$share/config" <<CONFIG
-FLASH=block2mtd FLASH_SIZE=$((DUAL_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$DUAL_PTN_BASE
+$(rig_flash_config "FLASH_SIZE=$((DUAL_DISK)) PTN_BASE=$DUAL_PTN_BASE")
 OTHER="$dual_other" TARGET="$dual_target" FLAG="$dual_flag"
 CONFIG
     rig_guest "$share" "$RIG_WORK/flash.img"

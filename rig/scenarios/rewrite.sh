@@ -12,7 +12,7 @@ scenario_rewrite()
     rig_random "$share/evil.bin" "$(wc -c <"$raw/new-ubi.bin")" rewrite-evil
     cp "$raw/factory.img" "$raw/flash.img"
     cat >"$share/config" <<CONFIG
-FLASH=block2mtd FLASH_SIZE=$((DUAL_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$DUAL_PTN_BASE
+$(rig_flash_config "FLASH_SIZE=$((DUAL_DISK)) PTN_BASE=$DUAL_PTN_BASE")
 TOOL_ARGS="-U -u /tmp/up.bin" EVIL_AT=$off TARGET="$dual_target" FLAG="$dual_flag" FACTORY_FLAG=GOOD:1
 CONFIG
     rig_guest "$share" "$raw/flash.img" || status=1
@@ -26,7 +26,7 @@ CONFIG
     local target="" name
     for name in firmware-info.b support-list kernel.b rootfs.b; do target="$target ubi0:$name"; done
     cat >"$share/config" <<CONFIG
-FLASH=block2mtd FLASH_SIZE=$((UBI_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$UBI_PTN_BASE UBI_ATTACH=ubi:0
+$(rig_flash_config "FLASH_SIZE=$((UBI_DISK)) PTN_BASE=$UBI_PTN_BASE") UBI_ATTACH=ubi:0
 TOOL_ARGS="-U -w ubi -p 0 -u /tmp/up.bin" EVIL_AT=$off TARGET="$target" FLAG=ubi0:extra-para.b FACTORY_FLAG=GOOD:1
 CONFIG
     rig_guest "$share" "$ubi/flash.img" || status=1

@@ -1,10 +1,11 @@
 # Signature: a firmware file with one byte changed is refused by -t, -C and -U, in both
-# work modes, and no byte of the flash or of a UBI volume changes.
+# work modes, and no byte of the flash or of a UBI volume changes. On NAND.
 
 scenario_signature()
 {
     local status=0 share raw=$RIG_WORK/raw-data ubi=$RIG_WORK/ubi-data size
     mkdir -p "$raw" "$ubi"
+    rig_medium nand
     raw_factory "$raw"
     raw_firmware "$raw"
     share=$(rig_share raw "$RIG_DIR/scenarios/signature.guest.sh")
@@ -12,8 +13,7 @@ scenario_signature()
     size=$(wc -c <"$raw/up.bin")
     rig_tamper "$raw/up.bin" "$share/bad.bin" $((size - 1000))
     cp "$raw/factory.img" "$raw/flash.img"
-    echo "FLASH=block2mtd FLASH_SIZE=$((RAW_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$RAW_PTN_BASE MODE=default" \
-        >"$share/config"
+    rig_flash_config "FLASH_SIZE=$((RAW_DISK)) PTN_BASE=$RAW_PTN_BASE MODE=default" >"$share/config"
     rig_guest "$share" "$raw/flash.img" || status=1
 
     ubi_factory "$ubi"
@@ -24,7 +24,7 @@ scenario_signature()
     rig_tamper "$ubi/up.bin" "$share/bad.bin" $((size / 2))
     cp -r "$ubi/factory" "$share/"
     cp "$ubi/factory.img" "$ubi/flash.img"
-    echo "FLASH=block2mtd FLASH_SIZE=$((UBI_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$UBI_PTN_BASE UBI_ATTACH=ubi:0 MODE=ubi" \
+    rig_flash_config "FLASH_SIZE=$((UBI_DISK)) PTN_BASE=$UBI_PTN_BASE UBI_ATTACH=ubi:0 MODE=ubi" \
         >"$share/config"
     rig_guest "$share" "$ubi/flash.img" || status=1
     return $status

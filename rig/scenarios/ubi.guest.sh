@@ -1,6 +1,11 @@
-# Guest part of the ubi scenario.
+# Guest part of the ubi and ubi-badblocks scenarios.
 . /lib/rig.sh
+. /rig/config
 cp /rig/*.bin /tmp/
+
+if [ -n "$NAND_BADBLOCKS" ]; then
+    expect_value "bad erase blocks UBI found" 2 "$(cat /sys/class/ubi/ubi0/bad_peb_count)"
+fi
 
 expect_volumes "factory" 0 /rig/factory
 
@@ -31,5 +36,10 @@ run_tool rollback -r
 expect_volumes "after a second -r" 0 /rig/rollback extra-para extra-para.b
 expect_volumes "after -r" 0 /rig/upgraded device-info firmware-info firmware-info.b kernel \
     kernel.b rootfs rootfs.b rootfs_data rootfs_data.b log log.b support-list
+if [ -n "$NAND_BITFLIPS" ]; then
+    flips=$(cat "/sys/class/mtd/mtd$(mtd_index ubi)/corrected_bits")
+    [ "$flips" -gt 0 ] && ok "the ECC corrected $flips flipped bits" ||
+        not_ok "no bit flip was corrected"
+fi
 
 rig_done

@@ -1,10 +1,25 @@
-# UBI work mode: -C, -U with volume replacement through the volume-update ioctl, the user
-# data copied to the backup image, flags and scores; the same software version left alone;
-# roll-back. Every volume is read back and compared.
+# UBI work mode on NAND: -C, -U with volume replacement through the volume-update ioctl,
+# the user data copied to the backup image, flags and scores; the same software version left
+# alone; roll-back. Every volume is read back and compared. ubi-badblocks: the same on a NAND
+# whose UBI partition holds two bad erase blocks and whose every page read flips a bit (which
+# the ECC corrects and UBI scrubs).
 
 scenario_ubi()
 {
+    ubi_scenario "" ""
+}
+
+scenario_ubi_badblocks()
+{
+    # Erase blocks 6 and 30 of the chip: 2 and 26 of the "ubi" partition (base 0x080000).
+    RIG_UBI_BAD="2 26" ubi_scenario "6 30" 1
+}
+
+# ubi_scenario BADBLOCKS BITFLIPS
+ubi_scenario()
+{
     local data=$RIG_WORK/data share
+    rig_medium nand
     rig_device ubi "$data"
     # Roll-back from primary score 8 and backup score 3 (set with ubiupdatevol).
     local rb=$data/rollback
@@ -22,7 +37,9 @@ scenario_ubi()
     cp "$data"/{up,same,old,other}.bin "$share/"
     cp -r "$data/factory" "$data/upgraded" "$rb" "$share/"
     cp "$data/factory.img" "$RIG_WORK/flash.img"
-    echo "FLASH=block2mtd FLASH_SIZE=$((UBI_DISK)) ERASE_SIZE=$RIG_PEB PTN_BASE=$UBI_PTN_BASE UBI_ATTACH=ubi:0" \
-        >"$share/config"
+    {
+        rig_flash_config "FLASH_SIZE=$((UBI_DISK)) PTN_BASE=$UBI_PTN_BASE UBI_ATTACH=ubi:0"
+        echo "NAND_BADBLOCKS=\"$1\" NAND_BITFLIPS=$2"
+    } >"$share/config"
     rig_guest "$share" "$RIG_WORK/flash.img"
 }

@@ -5,12 +5,14 @@
  * "mtdblock<N>" or "ubi<D>_<V>", real or fake), an erase (MEMERASE), the start of a volume
  * update (UBI_IOCVOLUP; its data are the writes that follow) and each system() command.
  * With N = 0 nothing is cut: the operations are only counted. VIREO_CUT_LOG: each operation
- * appended as "<n> <kind> <what>". */
+ * appended as "<n> <kind> <what>"; with VIREO_CUT_CLOCK=1 the line starts with the
+ * milliseconds of the monotonic clock at which the operation began, for profiles. */
 #include "preload.h"
 
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 static long operations;
@@ -57,6 +59,11 @@ int cut_point(const char *kind, const char *what, int tearable)
     if (!at)
         return CUT_NONE;
     const long n = ++operations;
+    if (getenv("VIREO_CUT_CLOCK")) {
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        log_line("VIREO_CUT_LOG", "%ld.%03ld ", (long)now.tv_sec, now.tv_nsec / 1000000);
+    }
     log_line("VIREO_CUT_LOG", "%ld %s %s\n", n, kind, what);
     if (n != strtol(at, NULL, 0))
         return CUT_NONE;

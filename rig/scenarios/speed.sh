@@ -1,0 +1,46 @@
+# Speed on flash: in one VM per work mode on the NAND router, -U (its checks, flag writes,
+# moves, erases, writes and read-backs) against what mtd-utils take to make the same writes:
+# flash_erase and nandwrite of each raw region the upgrade changes, ubiupdatevol of each
+# volume it replaces or copies. Both must leave the flash as expected; the median times of
+# three rounds and their ratio are printed.
+
+scenario_speed()
+{
+    local status=0 raw=$RIG_WORK/raw-data ubi=$RIG_WORK/ubi-data share
+    rig_medium nand
+    rig_device raw "$raw"
+    share=$(rig_share raw "$RIG_DIR/scenarios/speed.guest.sh")
+    cp "$raw/up.bin" "$raw/expected.img" "$raw/factory.img" "$share/"
+    # The erase blocks whose bytes the upgrade changes, as regions of the expected flash.
+    local region base len first last
+    for region in 0x000000:0x20000 0x060000:0x20000 0x0A0000:0x20000 0x0C0000:0x40000 \
+        0x100000:0x20000 0x140000:0x1A0000 0x340000:0x2C9000 0x640000:0x60000; do
+        base=$((${region%:*})) len=$((${region#*:}))
+        first=$((base / RIG_PEB)) last=$(((base + len + RIG_PEB - 1) / RIG_PEB))
+        rig_get "$raw/expected.img" $((first * RIG_PEB)) $(((last - first) * RIG_PEB)) \
+            "$share/region-$first.bin"
+        echo "$first $((last - first)) region-$first.bin" >>"$share/regions"
+    done
+    rig_flash_config "FLASH_SIZE=$((RAW_DISK)) PTN_BASE=$RAW_PTN_BASE MODE=default" >"$share/config"
+    cp "$raw/factory.img" "$RIG_WORK/raw-flash.img"
+    rig_guest "$share" "$RIG_WORK/raw-flash.img" || status=1
+    grep '^speed' "$share/out/guest.log" | sed 's/^/    /'
+
+    rig_device ubi "$ubi"
+    share=$(rig_share ubi "$RIG_DIR/scenarios/speed.guest.sh")
+    cp "$ubi/up.bin" "$share/"
+    cp -r "$ubi/upgraded" "$share/"
+    mkdir -p "$share/files"
+    rig_record "$share/files/support-list" <"$ubi/support-VR500.json"
+    rig_record "$share/files/firmware-info.b" <"$ubi/fwinfo-1.4.0.json"
+    cp "$ubi/new-kernel.bin" "$share/files/kernel.b"
+    cp "$ubi/new-rootfs.bin" "$share/files/rootfs.b"
+    cp "$ubi/upgraded/extra-para.b" "$share/files/extra-para.b"
+    cp "$ubi/ubi.img" "$share/"
+    rig_flash_config "FLASH_SIZE=$((UBI_DISK)) PTN_BASE=$UBI_PTN_BASE UBI_ATTACH=ubi:0 MODE=ubi" \
+        >"$share/config"
+    cp "$ubi/factory.img" "$RIG_WORK/ubi-flash.img"
+    rig_guest "$share" "$RIG_WORK/ubi-flash.img" || status=1
+    grep '^speed' "$share/out/guest.log" | sed 's/^/    /'
+    return $status
+}
