@@ -5,18 +5,21 @@
 #
 # Builds what it needs from Debian's packages (cached in build-rig/), boots one fresh VM per
 # scenario (several for the ones that reboot or cut the power) and ends with the line
-# "N passed, M failed". --sweep cuts the power at 20 points per mode instead of 4.
+# "N passed, M failed". --sweep cuts the power at 20 timed points per mode instead of 4, and
+# powercut-nand at every flash operation of every road in every variant (hours) instead of
+# a stride of at least 50 per road.
 set -euo pipefail
 
 RIG_ROOT=$(cd "$(dirname "$0")/.." && pwd)
 . "$RIG_ROOT/rig/lib/common.sh"
 RIG_CUTS=4
+RIG_POWERCUT_SWEEP=0
 for f in "$RIG_DIR"/scenarios/*.sh; do
     case $f in *.guest.sh) ;; *) . "$f" ;; esac
 done
 
 rig_all_scenarios=(identity signature raw raw-ubi ubi ubi-badblocks raw-badblock speed powercut-raw
-                   powercut-ubi rewrite)
+                   powercut-ubi powercut-nand rewrite)
 
 usage()
 {
@@ -27,7 +30,7 @@ usage()
 selected=()
 while [ $# -gt 0 ]; do
     case $1 in
-    --sweep) RIG_CUTS=20 ;;
+    --sweep) RIG_CUTS=20 RIG_POWERCUT_SWEEP=1 ;;
     -h | --help) usage; exit 0 ;;
     -*) usage >&2; exit 2 ;;
     *)

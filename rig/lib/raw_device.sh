@@ -73,7 +73,8 @@ raw_factory()
 }
 
 # raw_firmware DIR: DIR/up.bin (image 1 for the VR200, image 2 for the VR100 with the new
-# layout; both share one rootfs) and DIR/other.bin (the VR200 image alone).
+# layout; both share one rootfs), DIR/other.bin (the VR200 image alone) and DIR/same.bin
+# (the VR100 with its factory layout).
 raw_firmware()
 {
     local dir=$1
@@ -104,6 +105,15 @@ raw_firmware()
     echo "{\"images\": [$vr200]}" >"$dir/other.json"
     rig_pack "$dir/up.json" "$dir/up.bin"
     rig_pack "$dir/other.json" "$dir/other.bin"
+    # same.bin: a VR100 image that keeps the factory layout and brings kernel and rootfs.
+    rig_table_json $RAW_DISK "${raw_old_layout[@]}" >"$dir/ptn-old.json"
+    cat >"$dir/same.json" <<JSON
+{"images": [{"partition-table": "ptn-old.json", "support-list": "support-vr100.json",
+             "firmware-info": "fwinfo-new.json",
+             "partitions": [{"name": "kernel", "file": "new-kernel.bin"},
+                            {"name": "rootfs", "file": "new-rootfs.bin"}]}]}
+JSON
+    rig_pack "$dir/same.json" "$dir/same.bin"
 }
 
 # raw_expected DIR: DIR/expected.img, the flash after the upgrade, worked out step by step
