@@ -100,10 +100,10 @@ static bool inside(int32_t offset, int32_t len, int32_t size)
     return static_cast<int64_t>(offset) + len <= size;
 }
 
-int32_t vireo_file_write_by_offset(const char *path, int32_t offset, const uint8_t *data,
-                                   int32_t len, uint32_t *out_len)
+int32_t vireo_file_write_stream(const char *path, int32_t offset, int32_t len, uint32_t max_chunk,
+                                const vireo_unit_source &next, uint32_t *out_len)
 {
-    if (bad_path(path) || !data || len < 1)
+    if (bad_path(path) || len < 1 || max_chunk < 1)
         return -1;
     const int32_t size = vireo_file_get_size(path);
     if (size < 0 || offset < 0 || offset >= size || !inside(offset, len, size))
@@ -113,13 +113,32 @@ int32_t vireo_file_write_by_offset(const char *path, int32_t offset, const uint8
         return -1;
     if (lseek(file.fd, offset, SEEK_SET) != offset)
         return -1;
-    const ssize_t wrote = write(file.fd, data, static_cast<size_t>(len));
+    int32_t done = 0;
+    bool failed = false;
+    while (done < len && !failed) {
+        const uint32_t left = static_cast<uint32_t>(len - done);
+        const uint32_t chunk = max_chunk < left ? max_chunk : left;
+        const uint8_t *bytes = next(static_cast<uint32_t>(done), chunk);
+        const ssize_t wrote = bytes ? write(file.fd, bytes, chunk) : -1;
+        failed = wrote != static_cast<ssize_t>(chunk);
+        done += failed ? 0 : static_cast<int32_t>(chunk);
+    }
     fsync(file.fd);
-    if (wrote < 0 || wrote < len)
+    if (failed)
         return -1;
     if (out_len)
-        *out_len = static_cast<uint32_t>(wrote);
+        *out_len = static_cast<uint32_t>(done);
     return 0;
+}
+
+int32_t vireo_file_write_by_offset(const char *path, int32_t offset, const uint8_t *data,
+                                   int32_t len, uint32_t *out_len)
+{
+    if (!data || len < 1)
+        return -1;
+    return vireo_file_write_stream(
+        path, offset, len, static_cast<uint32_t>(len),
+        [data](uint32_t done, uint32_t) { return data + done; }, out_len);
 }
 
 // The block-mode write onto a target that simply overwrites (a file, a block device).

@@ -14,12 +14,15 @@ int32_t vireo_file_read_by_offset(const char *path, int32_t offset, uint8_t *buf
 // Synchronous overwrite wholly inside the existing file; 0 / -1.
 int32_t vireo_file_write_by_offset(const char *path, int32_t offset, const uint8_t *data,
                                    int32_t len, uint32_t *out_len);
+// The bytes of the chunk that starts done bytes into a write (chunk is at most one unit):
+// a pointer valid until the next call, or none to stop the write.
+using vireo_unit_source = std::function<const uint8_t *(uint32_t done, uint32_t chunk)>;
+// The synchronous overwrite with its bytes supplied in chunks of at most max_chunk; 0 / -1.
+int32_t vireo_file_write_stream(const char *path, int32_t offset, int32_t len, uint32_t max_chunk,
+                                const vireo_unit_source &next, uint32_t *out_len);
 // Writes in block_size units from offset, padding a final partial unit with 0xFF; 0 / -1.
 int32_t vireo_file_write_by_offset_block_mode(const char *path, int32_t offset, const uint8_t *data,
                                               int32_t len, int32_t block_size, uint32_t *out_len);
-// The bytes of the chunk that starts done bytes into a unit-by-unit write (chunk is at most
-// one unit): a pointer valid until the next call, or none to stop the write.
-using vireo_unit_source = std::function<const uint8_t *(uint32_t done, uint32_t chunk)>;
 // The block-mode write with its bytes supplied unit by unit; 0 / -1. With erased, the caller
 // has just erased the target ("mtd erase"): flash is programmed without being read first, and
 // the read-back after the write is what catches an erase that did not happen.

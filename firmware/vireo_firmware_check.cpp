@@ -1,6 +1,7 @@
 #include "firmware/vireo_firmware.h"
 
 #include "common/vireo_common.h"
+#include "firmware/vireo_firmware_view.h"
 #include "firmware/vireo_firmware_walk.h"
 
 static const char VIREO_MODULE[] = "vireo_firmware";
@@ -18,17 +19,18 @@ int32_t vireo_firmware_check(const char *up_path)
         return -1;
     }
     vireo_ptn_dump(flash.get());
-    vireo_mapping map;
-    if (vireo_firmware_map(VIREO_SITE(), up_path, &map) != 0)
+    vireo_file_view view;
+    if (vireo_file_view_open(VIREO_SITE(), up_path, VIREO_VIEW_RAW, false, &view) != 0)
         return -1;
     vireo_walk_result found;
     const auto fits = [&](const firmware_header *header, up_ptn_table *table,
                           const vireo_payload &payload) {
         return vireo_firmware_check_upgradable(flash.get(), header, table, payload);
     };
-    if (vireo_firmware_walk(VIREO_SITE(), map.data, map.size,
-                            "Firmware is not allowed to upgrade into this device.\n", fits,
-                            &found) != 0)
+    const bool fit = vireo_firmware_walk(VIREO_SITE(), view.data, view.size,
+                                         "Firmware is not allowed to upgrade into this device.\n",
+                                         fits, &found) == 0;
+    if (!vireo_file_view_intact(VIREO_SITE(), view) || !fit)
         return -1;
     VIREO_TRACE("Firmware is upgradable for this DEVICE. \n");
     return 0;

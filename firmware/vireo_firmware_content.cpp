@@ -5,11 +5,21 @@
 
 static const char VIREO_MODULE[] = "vireo_firmware";
 
-vireo_entry_source::vireo_entry_source(const vireo_payload &payload, const up_ptn_info *entry)
+vireo_entry_source::vireo_entry_source(const vireo_payload &payload, const up_ptn_info *entry,
+                                       uint32_t max_chunk)
     : start(vireo_payload_content(payload, entry)),
       offset(start ? static_cast<uint64_t>(start - payload.file) : 0), seals(payload.seals),
       reader(payload.seals)
 {
+    // Without seals the chunks are read where they lie: no copy.
+    if (seals) {
+        try {
+            unit.resize(max_chunk);
+        } catch (...) {
+            VIREO_TRACE("Failed to alloc %d bytes memory.\n", static_cast<int>(max_chunk));
+            start = nullptr;
+        }
+    }
 }
 
 const uint8_t *vireo_entry_source::read(uint32_t done, uint32_t chunk)
@@ -18,9 +28,9 @@ const uint8_t *vireo_entry_source::read(uint32_t done, uint32_t chunk)
         return nullptr;
     if (!seals)
         return start + done;
-    if (chunk > sizeof(unit) || !reader.copy(offset + done, chunk, unit))
+    if (chunk > unit.size() || !reader.copy(offset + done, chunk, unit.data()))
         return nullptr;
-    return unit;
+    return unit.data();
 }
 
 int32_t vireo_firmware_write_entry(const vireo_payload &payload, const up_ptn_info *entry,

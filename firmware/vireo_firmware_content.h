@@ -6,20 +6,22 @@
 #include "firmware/vireo_firmware_up_ptn_table.h"
 
 #include <cstdint>
+#include <vector>
 
 #define MTD_WRITE_BLOCK_SIZE 2048
 
-// The content bytes of one entry, unit by unit.
+// The content bytes of one entry, chunk by chunk.
 struct vireo_entry_source {
-    vireo_entry_source(const vireo_payload &payload, const up_ptn_info *entry);
-    // The chunk bytes at done into the content (chunk at most one unit); none (traced)
+    vireo_entry_source(const vireo_payload &payload, const up_ptn_info *entry,
+                       uint32_t max_chunk = MTD_WRITE_BLOCK_SIZE);
+    // The chunk bytes at done into the content (chunk at most max_chunk); none (traced)
     // when they lie outside the file or are not the verified ones.
     const uint8_t *read(uint32_t done, uint32_t chunk);
     const uint8_t *start; // the content in the file; none when it lies outside
     uint64_t offset;      // of the content in the file
     const vireo_seals *seals;
     vireo_sealed_reader reader;
-    uint8_t unit[MTD_WRITE_BLOCK_SIZE];
+    std::vector<uint8_t> unit; // the proven copy of the last chunk
 };
 
 // Writes the content of entry to path at offset, then reads back from check_path at

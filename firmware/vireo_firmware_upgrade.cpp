@@ -4,25 +4,6 @@
 
 static const char VIREO_MODULE[] = "vireo_firmware";
 
-namespace
-{
-
-// The signature check seals what it verifies while this lives.
-struct sealing {
-    explicit sealing(vireo_seals *seals)
-    {
-        vireo_seals_arm(seals);
-    }
-    ~sealing()
-    {
-        vireo_seals_disarm();
-    }
-    sealing(const sealing &) = delete;
-    sealing &operator=(const sealing &) = delete;
-};
-
-} // namespace
-
 int32_t vireo_firmware_upgrade_prepare(const char *up_path, vireo_upgrade_job *job)
 {
     if (!up_path) {
@@ -35,20 +16,20 @@ int32_t vireo_firmware_upgrade_prepare(const char *up_path, vireo_upgrade_job *j
         return -1;
     }
     vireo_ptn_dump(job->flash.get());
-    if (vireo_firmware_map(VIREO_SITE(), up_path, &job->map) != 0 ||
-        vireo_seals_init(&job->seals, job->map.data, job->map.size) != 0)
+    if (vireo_file_view_open(VIREO_SITE(), up_path, VIREO_VIEW_RAW, true, &job->view) != 0)
         return -1;
     const ptn_table *flash = job->flash.get();
     const auto fits = [flash](const firmware_header *header, up_ptn_table *table,
                               const vireo_payload &payload) {
         return vireo_firmware_check_upgradable(flash, header, table, payload);
     };
-    sealing armed(&job->seals);
-    if (vireo_firmware_walk(VIREO_SITE(), job->map.data, job->map.size,
+    const bool fit =
+        vireo_firmware_walk(VIREO_SITE(), job->view.data, job->view.size,
                             "Firmware is not allowed to upgrade this up table into this device.\n",
-                            fits, &job->found, &job->seals) != 0)
+                            fits, &job->found, vireo_file_view_seals(&job->view)) == 0;
+    if (!vireo_file_view_intact(VIREO_SITE(), job->view) || !fit)
         return -1;
-    const uint8_t *image = job->map.data + job->found.offset;
+    const uint8_t *image = job->view.data + job->found.offset;
     VIREO_TRACE("up_file_buf %p \n", static_cast<const void *>(image));
     VIREO_TRACE("ptn_content %p \n", static_cast<const void *>(job->found.payload.start()));
     VIREO_TRACE("firmware_header->header_len 0x%08x  \n", job->found.header->header_len);
@@ -57,8 +38,11 @@ int32_t vireo_firmware_upgrade_prepare(const char *up_path, vireo_upgrade_job *j
 
 int32_t vireo_firmware_upgrade_install(vireo_upgrade_job *job)
 {
-    if (vireo_firmware_update_ptn(job->flash.get(), job->found.header.get(), job->found.table.get(),
-                                  job->found.payload) < 0) {
+    const bool installed =
+        vireo_firmware_update_ptn(job->flash.get(), job->found.header.get(), job->found.table.get(),
+                                  job->found.payload) >= 0;
+    // A file cut short is said so, whatever failed first.
+    if (!vireo_file_view_intact(VIREO_SITE(), job->view) || !installed) {
         VIREO_TRACE("Failed to upgrade firmware into this device.\n");
         return -1;
     }

@@ -3,15 +3,14 @@
 #pragma once
 
 #include "firmware/vireo_firmware.h"
-#include "firmware/vireo_firmware_seal.h"
+#include "firmware/vireo_firmware_view.h"
 #include "firmware/vireo_firmware_walk.h"
 
 #include <memory>
 
 struct vireo_upgrade_job {
     std::unique_ptr<ptn_table, decltype(&vireo_ptn_destroy)> flash{nullptr, vireo_ptn_destroy};
-    vireo_mapping map;
-    vireo_seals seals; // of the mapped file, taken while its signature was verified
+    vireo_file_view view; // sealed while its signature is verified
     vireo_walk_result found;
 };
 

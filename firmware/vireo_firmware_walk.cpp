@@ -3,9 +3,6 @@
 #include "common/vireo_file.h"
 
 #include <cstring>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 static const char VIREO_MODULE[] = "vireo_firmware";
 
@@ -79,36 +76,4 @@ int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, u
         vireo_trace_at(site, "try next firmware header %d (0x%08x).\n", next,
                        static_cast<uint32_t>(next));
     }
-}
-
-vireo_mapping::~vireo_mapping()
-{
-    if (data)
-        munmap(data, size);
-    if (fd >= 0)
-        close(fd);
-}
-
-int32_t vireo_firmware_map(const vireo_trace_site &site, const char *path, vireo_mapping *map)
-{
-    const int32_t size = vireo_file_get_size(path);
-    if (size < 1) {
-        vireo_trace_at(site, "Failed to get file size, file='%s'\n", path);
-        return -1;
-    }
-    map->fd = open(path, O_RDWR);
-    if (map->fd < 0) {
-        vireo_trace_at(site, "Failed to open file '%s'\n", path);
-        return -1;
-    }
-    // Opened for writing as a firmware file must be, but mapped read-only: nothing here
-    // ever writes to it, and a stray write faults instead of changing the file.
-    void *data = mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_SHARED, map->fd, 0);
-    if (data == MAP_FAILED) {
-        vireo_trace_at(site, "Failed to mmap file '%s'\n", path);
-        return -1;
-    }
-    map->data = static_cast<uint8_t *>(data);
-    map->size = static_cast<uint32_t>(size);
-    return 0;
 }

@@ -1,5 +1,4 @@
-// Walking the chain of images of a firmware file held in memory, and holding the file
-// mapped while a command works on it.
+// Walking the chain of images of a firmware file held in memory.
 #pragma once
 
 #include "common/vireo_common.h"
@@ -35,17 +34,3 @@ using vireo_image_fits =
 int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, uint32_t size,
                             const char *refused, const vireo_image_fits &fits,
                             vireo_walk_result *found, vireo_seals *seals = nullptr);
-
-// A firmware file mapped shared for the length of a command.
-struct vireo_mapping {
-    int fd = -1;
-    uint8_t *data = nullptr;
-    uint32_t size = 0;
-    vireo_mapping() = default;
-    vireo_mapping(const vireo_mapping &) = delete;
-    vireo_mapping &operator=(const vireo_mapping &) = delete;
-    ~vireo_mapping();
-};
-
-// Maps the whole file; 0, or -1 traced at the caller's site.
-int32_t vireo_firmware_map(const vireo_trace_site &site, const char *path, vireo_mapping *map);

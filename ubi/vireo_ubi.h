@@ -4,6 +4,7 @@
 
 #include "firmware/vireo_firmware_header.h"
 #include "firmware/vireo_firmware_up_ptn_table.h"
+#include "firmware/vireo_firmware_view.h"
 #include "firmware/vireo_firmware_walk.h"
 #include "ptn/vireo_ptn_device_info.h"
 #include "ptn/vireo_ptn_firmware_info.h"
@@ -11,7 +12,6 @@
 #include "common/vireo_common.h"
 
 #include <cstdint>
-#include <vector>
 
 // 0 when an image of the file fits this device, else -1.
 int32_t vireo_firmware_check_ubi(uint32_t ubi_num, const char *up_path);
@@ -36,23 +36,10 @@ int32_t vireo_firmware_check_upgradable_ubi(uint32_t ubi_num, const firmware_hea
                                             const up_ptn_table *up_ptn_table,
                                             const vireo_payload &payload);
 
-// A firmware file held in private memory, so that the bytes verified are the bytes written.
-struct vireo_file_buffer {
-    uint8_t *bytes = nullptr;
-    uint32_t length = 0;
-    vireo_file_buffer() = default;
-    vireo_file_buffer(const vireo_file_buffer &) = delete;
-    vireo_file_buffer &operator=(const vireo_file_buffer &) = delete;
-    ~vireo_file_buffer();
-};
-// Reads the whole file; 0, or -1 (traced at site) on any failure or a short read.
-int32_t vireo_ubi_read_firmware(const vireo_trace_site &site, const char *path,
-                                vireo_file_buffer *file);
-
-// Reads the file and walks its chain to the first image that suits the device; 0, or -1
-// (traced at site, refusals with refused).
+// Holds the file (sealed when seal: an upgrade) and walks its chain to the first image that
+// suits the device; 0, or -1 (traced at site, refusals with refused).
 int32_t vireo_ubi_find_image(const vireo_trace_site &site, uint32_t ubi_num, const char *path,
-                             const char *refused, vireo_file_buffer *file,
+                             const char *refused, bool seal, vireo_file_view *view,
                              vireo_walk_result *found);
 
 // Flags off, every entry written into the volume of its name, the user data copied onto

@@ -6,7 +6,6 @@
 #include "firmware/vireo_firmware_walk.h"
 
 #include <cstring>
-#include <sys/mman.h>
 #include <memory>
 #include <vector>
 
@@ -88,47 +87,15 @@ int32_t vireo_firmware_check_upgradable_ubi(uint32_t ubi_num, const firmware_hea
     return 0;
 }
 
-vireo_file_buffer::~vireo_file_buffer()
-{
-    if (bytes)
-        munmap(bytes, length);
-}
-
-int32_t vireo_ubi_read_firmware(const vireo_trace_site &site, const char *path,
-                                vireo_file_buffer *file)
-{
-    const int32_t size = vireo_file_get_size(path);
-    if (size < 1) {
-        vireo_trace_at(site, "Failed to get file size, file='%s'\n", path);
-        return -1;
-    }
-    // Mapped rather than allocated: no zero-fill of memory the read fills anyway, and
-    // large pages where the kernel offers them.
-    void *p = mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE,
-                   MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (p == MAP_FAILED) {
-        vireo_trace_at(site, "Failed to alloc %d bytes memory\n", size);
-        return -1;
-    }
-    madvise(p, static_cast<size_t>(size), MADV_HUGEPAGE);
-    file->bytes = static_cast<uint8_t *>(p);
-    file->length = static_cast<uint32_t>(size);
-    uint32_t got = 0;
-    if (vireo_file_read(path, file->bytes, size, &got) != 0 || got != file->length) {
-        vireo_trace_at(site, "Failed to read file '%s'\n", path);
-        return -1;
-    }
-    return 0;
-}
-
 int32_t vireo_ubi_find_image(const vireo_trace_site &site, uint32_t ubi_num, const char *path,
-                             const char *refused, vireo_file_buffer *file, vireo_walk_result *found)
+                             const char *refused, bool seal, vireo_file_view *view,
+                             vireo_walk_result *found)
 {
     if (!path) {
         vireo_trace_at(site, "Invalid params, %u,%p.\n", ubi_num, static_cast<const void *>(path));
         return -1;
     }
-    if (vireo_ubi_read_firmware(site, path, file) != 0)
+    if (vireo_file_view_open(site, path, VIREO_VIEW_UBI, seal, view) != 0)
         return -1;
     // The same-version mark of the image taken decides, not one left by an earlier image.
     const auto fits = [ubi_num](const firmware_header *header, up_ptn_table *table,
@@ -136,15 +103,17 @@ int32_t vireo_ubi_find_image(const vireo_trace_site &site, uint32_t ubi_num, con
         same_software_version = false;
         return vireo_firmware_check_upgradable_ubi(ubi_num, header, table, payload) == 1;
     };
-    return vireo_firmware_walk(site, file->bytes, file->length, refused, fits, found);
+    const bool fit = vireo_firmware_walk(site, view->data, view->size, refused, fits, found,
+                                         vireo_file_view_seals(view)) == 0;
+    return vireo_file_view_intact(site, *view) && fit ? 0 : -1;
 }
 
 int32_t vireo_firmware_check_ubi(uint32_t ubi_num, const char *up_path)
 {
-    vireo_file_buffer file;
+    vireo_file_view view;
     vireo_walk_result found;
     if (vireo_ubi_find_image(VIREO_SITE(), ubi_num, up_path,
-                             "Firmware is not allowed to upgrade into this device.\n", &file,
+                             "Firmware is not allowed to upgrade into this device.\n", false, &view,
                              &found) != 0)
         return -1;
     VIREO_TRACE("Firmware is upgradable for this DEVICE. \n");

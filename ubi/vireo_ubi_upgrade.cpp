@@ -3,6 +3,7 @@
 #include "common/vireo_common.h"
 #include "common/vireo_device.h"
 #include "common/vireo_file.h"
+#include "firmware/vireo_firmware_content.h"
 #include "firmware/vireo_firmware_walk.h"
 #include "ubi/vireo_ubi_flags.h"
 
@@ -85,14 +86,19 @@ int32_t vireo_firmware_update_ubi_volume_content(uint32_t ubi_num, const up_ptn_
             VIREO_TRACE("PTN[%s] not found at ubi device.\n", e.name);
             return -1;
         }
-        const uint8_t *data = vireo_payload_content(payload, &e);
+        // Written and read back in chunks, each proven to be the verified bytes when the
+        // file is sealed: no copy of the file is held, only of one chunk.
+        vireo_entry_source source(payload, &e, COPY_CHUNK);
+        const auto next = [&source](uint32_t done, uint32_t chunk) {
+            return source.read(done, chunk);
+        };
         const int32_t len = static_cast<int32_t>(e.size);
         const bool wrote =
-            data && (is_ubi_volume_path(path)
-                         ? vireo_ubi_write(path, data, len, &written) == 0
-                         : vireo_file_write_by_offset(path, 0, data, len, nullptr) == 0);
-        if (!wrote ||
-            !reads_back(path, e.size, [data](uint32_t done, uint32_t) { return data + done; })) {
+            source.start &&
+            (is_ubi_volume_path(path)
+                 ? vireo_ubi_write_stream(path, len, COPY_CHUNK, next, &written) == 0
+                 : vireo_file_write_stream(path, 0, len, COPY_CHUNK, next, nullptr) == 0);
+        if (!wrote || !reads_back(path, e.size, next)) {
             VIREO_TRACE("PTN[%s][%s] update content failed, pos={0x%08x:0x%08x}.\n", e.name, path,
                         static_cast<uint32_t>(e.base), e.size);
             return -1;
@@ -180,21 +186,23 @@ int32_t vireo_firmware_update_ubi_content(uint32_t ubi_num, const firmware_heade
 
 int32_t vireo_firmware_upgrade_ubi(uint32_t ubi_num, const char *up_path)
 {
-    vireo_file_buffer file;
+    vireo_file_view view;
     vireo_walk_result found;
     if (vireo_ubi_find_image(VIREO_SITE(), ubi_num, up_path,
                              "Firmware is not allowed to upgrade this up table into this device.\n",
-                             &file, &found) != 0)
+                             true, &view, &found) != 0)
         return -1;
     if (same_software_version) {
         VIREO_TRACE("same software version, no need to upgrade\n\n");
         return 0;
     }
-    VIREO_TRACE("up_file_buf %p \n", static_cast<const void *>(file.bytes + found.offset));
+    VIREO_TRACE("up_file_buf %p \n", static_cast<const void *>(view.data + found.offset));
     VIREO_TRACE("ptn_content %p \n", static_cast<const void *>(found.payload.start()));
     VIREO_TRACE("firmware_header->header_len 0x%08x  \n", found.header->header_len);
-    if (vireo_firmware_update_ubi_content(ubi_num, found.header.get(), found.table.get(),
-                                          found.payload) != 0) {
+    const bool installed = vireo_firmware_update_ubi_content(ubi_num, found.header.get(),
+                                                             found.table.get(), found.payload) == 0;
+    // A file cut short is said so, whatever failed first.
+    if (!vireo_file_view_intact(VIREO_SITE(), view) || !installed) {
         VIREO_TRACE("Failed to upgrade firmware into this device.\n");
         return -1;
     }

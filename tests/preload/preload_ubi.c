@@ -82,13 +82,14 @@ int ubi_update_start(int fd, const char *path, long long bytes)
         errno = EINVAL;
         return -1;
     }
-    unsigned char *ff = malloc(st.st_size ? (size_t)st.st_size : 1);
-    memset(ff, 0xFF, (size_t)st.st_size);
+    static unsigned char ff[65536];
+    memset(ff, 0xFF, sizeof(ff));
     set_damaged(path, 1);
-    const ssize_t r = real_pwrite(fd, ff, (size_t)st.st_size, 0);
-    free(ff);
-    if (r != st.st_size)
-        return -1;
+    for (off_t at = 0; at < st.st_size; at += (off_t)sizeof(ff)) {
+        const size_t n = st.st_size - at < (off_t)sizeof(ff) ? (size_t)(st.st_size - at) : sizeof(ff);
+        if (real_pwrite(fd, ff, n, at) != (ssize_t)n)
+            return -1;
+    }
     lseek(fd, 0, SEEK_SET);
     update_left[fd] = bytes;
     updating[fd] = bytes > 0;
