@@ -1,6 +1,7 @@
 // Whole commands on a large signed firmware file, each against md5sum of the same file in
-// the same run: one hash pass over the file is the floor of a check. Prints the median
-// wall time and the peak resident memory of each, and the ratios.
+// the same run: one hash pass over the file is the floor of a check. The file is measured
+// where a router keeps it, in tmpfs, and on disk. Prints the median wall time, the ratio,
+// the peak resident set (a mapped file's pages included) and the largest private memory.
 #include "pack_fixture.h"
 #include "raw_device.h"
 
@@ -8,13 +9,15 @@
 #include <cstdio>
 #include <cstring>
 #include <random>
+#include <unistd.h>
 
 namespace
 {
 
 struct measure {
-    double seconds;  // median wall time
-    long max_rss_kb; // largest peak resident set of the runs
+    double seconds;   // median wall time
+    long max_rss_kb;  // largest peak resident set of the runs
+    long max_anon_kb; // largest private memory seen
     int status;
 };
 
@@ -26,28 +29,34 @@ measure run(const std::vector<std::string> &argv, int runs)
     for (const std::string &a : argv)
         cmd += " '" + a + "'";
     std::vector<double> times;
-    measure m{0, 0, 0};
+    measure m{0, 0, 0, 0};
     for (int i = 0; i < runs; i++) {
         FILE *p = popen(cmd.c_str(), "r");
         double seconds = 0;
-        long rss = 0;
-        if (!p || fscanf(p, "%d %lf %ld", &m.status, &seconds, &rss) != 3)
+        long rss = 0, anon = 0;
+        if (!p || fscanf(p, "%d %lf %ld %ld", &m.status, &seconds, &rss, &anon) != 4)
             m.status = -1;
         if (p)
             pclose(p);
         times.push_back(seconds);
         m.max_rss_kb = std::max(m.max_rss_kb, rss);
+        m.max_anon_kb = std::max(m.max_anon_kb, anon);
     }
     std::sort(times.begin(), times.end());
     m.seconds = times[times.size() / 2];
     return m;
 }
 
-void report(const char *what, const measure &m, const measure &ref, double limit)
+// One line; false when a target was missed.
+bool report(const char *what, const measure &m, const measure &ref, double limit, long anon_limit)
 {
     const double ratio = m.seconds / ref.seconds;
-    printf("%-28s %8.1f ms %8ld KiB  exit %3d  time ratio %.2fx (target <= %.2fx) %s\n", what,
-           m.seconds * 1e3, m.max_rss_kb, m.status, ratio, limit, ratio <= limit ? "ok" : "MISSED");
+    const bool ok = m.status == 0 && ratio <= limit && m.max_anon_kb <= anon_limit;
+    printf("  %-12s %8.1f ms  %.2fx (target <= %.2fx)  peak %7ld KiB, private %5ld KiB "
+           "(target <= %ld)  %s\n",
+           what, m.seconds * 1e3, ratio, limit, m.max_rss_kb, m.max_anon_kb, anon_limit,
+           ok ? "ok" : "MISSED");
+    return ok;
 }
 
 } // namespace
@@ -71,29 +80,43 @@ int main(int argc, char **argv)
         fprintf(stderr, "packing the firmware file failed\n");
         return 1;
     }
-    const std::string up = dir.join("up.bin");
     kernel = std::string();
     raw_device device(raw_device::layout(devinfo));
-    printf("firmware file: %d MiB, signed; %d runs each, median\n", mib, runs);
-
-    const measure md5 = run({"/usr/bin/md5sum", up}, runs);
-    printf("%-28s %8.1f ms %8ld KiB\n", "md5sum (reference)", md5.seconds * 1e3, md5.max_rss_kb);
-    const measure check = run({VIREO_FAKE_ROOT_TOOL, device.path, "-C", "-u", up}, runs);
-    report("-C (raw flash)", check, md5, 1.10);
-    const measure head = run({VIREO_TOOL, "-t", up}, runs);
-    report("-t", head, md5, 1.10);
-    printf("-t peak memory: %ld KiB (target < 4096 KiB) %s\n", head.max_rss_kb,
-           head.max_rss_kb < 4096 ? "ok" : "MISSED");
-
     fake_root ubi;
-    ubi.write("sys/class/ubi/version", "1\n");
     ubi.ubi_volume(0, 0, "device-info", with_content_header(devinfo));
     ubi.ubi_volume(0, 1, "firmware-info", with_content_header(fwinfo));
-    const measure check_ubi =
-        run({VIREO_FAKE_ROOT_TOOL, ubi.path, "-C", "-w", "ubi", "-u", up}, runs);
-    report("-C -w ubi", check_ubi, md5, 1.30);
-    const long budget = static_cast<long>(file.size() / 1024) + 4096;
-    printf("-C -w ubi peak memory: %ld KiB (target <= file + 4 MiB = %ld KiB) %s\n",
-           check_ubi.max_rss_kb, budget, check_ubi.max_rss_kb <= budget ? "ok" : "MISSED");
-    return check.status == 0 && head.status == 0 && check_ubi.status == 0 ? 0 : 1;
+    // 4 MiB and the seals (8 bytes for each 4 KiB of the file); -t holds even less.
+    const long anon_limit = 4096 + static_cast<long>(file.size() / 4096 * 8 / 1024);
+    printf("firmware file: %d MiB, signed; %d runs each, median\n", mib, runs);
+
+    // tmpfs first, where a router keeps the file; then the disk.
+    char shm[] = "/dev/shm/vireo_bench_XXXXXX";
+    const bool have_shm = mkdtemp(shm) != nullptr;
+    const std::string tmpfs = have_shm ? std::string(shm) + "/up.bin" : "";
+    if (have_shm)
+        write_file(tmpfs, std::string(file.begin(), file.end()));
+    bool ok = true;
+    for (const std::string &up : {tmpfs, dir.join("up.bin")}) {
+        if (up.empty())
+            continue;
+        printf("%s:\n", up == tmpfs ? "in tmpfs (/dev/shm)" : "on disk (/tmp)");
+        const measure md5 = run({"/usr/bin/md5sum", up}, runs);
+        printf("  %-12s %8.1f ms  (reference)                peak %7ld KiB, private %5ld KiB\n",
+               "md5sum", md5.seconds * 1e3, md5.max_rss_kb, md5.max_anon_kb);
+        ok &= report("-C", run({VIREO_FAKE_ROOT_TOOL, device.path, "-C", "-u", up}, runs), md5,
+                     1.05, anon_limit);
+        ok &= report("-C -w ubi",
+                     run({VIREO_FAKE_ROOT_TOOL, ubi.path, "-C", "-w", "ubi", "-u", up}, runs), md5,
+                     1.05, anon_limit);
+        const measure head = run({VIREO_TOOL, "-t", up}, runs);
+        ok &= report("-t", head, md5, 1.05, anon_limit);
+        printf("  -t peak resident set: %ld KiB (target < 4096 KiB) %s\n", head.max_rss_kb,
+               head.max_rss_kb < 4096 ? "ok" : "MISSED");
+        ok &= head.max_rss_kb < 4096;
+    }
+    if (have_shm) {
+        unlink(tmpfs.c_str());
+        rmdir(shm);
+    }
+    return ok ? 0 : 1;
 }

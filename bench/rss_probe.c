@@ -1,6 +1,8 @@
 /* rss_probe COMMAND [ARGS...]: runs the command with its output discarded and prints
- * "<exit status> <wall seconds> <peak resident KiB>". Built static and tiny, so that what
- * the child's peak memory counts from before its exec is negligible. */
+ * "<exit status> <wall seconds> <peak resident KiB> <peak private KiB>": the peak resident
+ * set (ru_maxrss, a mapped file's pages included) and the largest private memory (RssAnon)
+ * seen while sampling it every millisecond. Built static and tiny, so that what the child's
+ * peak memory counts from before its exec is negligible. */
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/resource.h>
@@ -26,11 +28,29 @@ int main(int argc, char **argv)
     }
     int status = 0;
     struct rusage usage;
-    if (pid < 0 || wait4(pid, &status, 0, &usage) != pid)
-        return 1;
+    long anon = 0;
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/status", (int)pid);
+    for (;;) {
+        const pid_t done = pid < 0 ? -1 : wait4(pid, &status, WNOHANG, &usage);
+        if (done == pid)
+            break;
+        if (done != 0)
+            return 1;
+        FILE *f = fopen(path, "r");
+        char line[256];
+        long kb;
+        while (f && fgets(line, sizeof(line), f))
+            if (sscanf(line, "RssAnon: %ld", &kb) == 1 && kb > anon)
+                anon = kb;
+        if (f)
+            fclose(f);
+        const struct timespec tick = {0, 1000000};
+        nanosleep(&tick, NULL);
+    }
     clock_gettime(CLOCK_MONOTONIC, &t1);
-    printf("%d %.6f %ld\n", WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+    printf("%d %.6f %ld %ld\n", WIFEXITED(status) ? WEXITSTATUS(status) : -1,
            (double)(t1.tv_sec - t0.tv_sec) + (double)(t1.tv_nsec - t0.tv_nsec) / 1e9,
-           usage.ru_maxrss);
+           usage.ru_maxrss, anon);
     return 0;
 }

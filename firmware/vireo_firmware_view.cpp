@@ -5,6 +5,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static const char VIREO_MODULE[] = "vireo_firmware";
@@ -103,7 +104,10 @@ int32_t vireo_file_view_open(const vireo_trace_site &site, const char *path, vir
 
 bool vireo_file_view_intact(const vireo_trace_site &site, const vireo_file_view &view)
 {
-    if (!cut_short)
+    // A cut inside the last page faults no read (the page reads zeros behind the end), so
+    // the file's size is asked as well.
+    struct stat st;
+    if (!cut_short && (fstat(view.fd, &st) != 0 || st.st_size >= view.size))
         return true;
     vireo_trace_at(site, "firmware file '%s' was cut short while it was read.\n", view.path);
     return false;

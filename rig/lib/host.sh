@@ -114,8 +114,9 @@ rig_pad()
 # rig_pack MANIFEST OUT: a firmware file signed with the test key.
 rig_pack()
 {
+    # Without its progress lines for large files.
     "$RIG_PACK" build "$1" --key "$RIG_ROOT/keys/vireo_test_key_DO_NOT_SHIP.pem" -o "$2" \
-        >/dev/null
+        >/dev/null 2> >(grep -Ev ': (writing|hashing) [0-9]+ of [0-9]+ MiB$' >&2)
 }
 
 # rig_medium MEDIUM: the flash the next device is made for, and its UBI geometry: erase block

@@ -5,7 +5,8 @@ rig_cmdline="console=ttyS0 quiet panic=-1 mitigations=off i8042.noaux i8042.nokb
 i8042.nopnp no_timer_check tsc=reliable"
 
 # rig_qemu SHARE FLASH LOG: starts QEMU (TCG only) in the background and sets RIG_QEMU_PID.
-# SHARE becomes the guest's /rig; FLASH, when not empty, its virtio disk /dev/vda.
+# SHARE becomes the guest's /rig; FLASH, when not empty, its virtio disk /dev/vda. RIG_MEM:
+# the router's memory in MiB (256).
 rig_qemu()
 {
     local share=$1 flash=$2 log=$3
@@ -15,7 +16,7 @@ rig_qemu()
               -device virtio-blk-pci,drive=flash)
     fi
     : >"$log"
-    qemu-system-x86_64 -accel tcg -machine pc -m 256 -smp 1 -nodefaults -no-user-config \
+    qemu-system-x86_64 -accel tcg -machine pc -m "${RIG_MEM:-256}" -smp 1 -nodefaults -no-user-config \
         -display none -no-reboot -serial "file:$log" \
         -kernel "$RIG_KERNEL" -initrd "$RIG_INITRD" -append "$rig_cmdline" \
         -fsdev "local,id=rig,path=$share,security_model=none" \

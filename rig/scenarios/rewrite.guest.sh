@@ -1,6 +1,7 @@
 # Guest part of the rewrite scenario: the upgrade runs while a second process waits for it
 # to touch the target's flag (past the signature check) and then overwrites a partition's
-# content in the firmware file.
+# content in the firmware file (MEDDLE=rewrite), or cuts the file short right before that
+# content (MEDDLE=truncate).
 . /lib/rig.sh
 . /rig/config
 cp /rig/up.bin /tmp/
@@ -29,8 +30,12 @@ rewriter()
         kill -CONT "$pid"
         usleep 3000
     done
-    dd if=/rig/evil.bin of=/tmp/up.bin bs=65536 seek="$EVIL_AT" oflag=seek_bytes conv=notrunc \
-        status=none
+    if [ "$MEDDLE" = truncate ]; then
+        truncate -s "$EVIL_AT" /tmp/up.bin
+    else
+        dd if=/rig/evil.bin of=/tmp/up.bin bs=65536 seek="$EVIL_AT" oflag=seek_bytes \
+            conv=notrunc status=none
+    fi
     kill -CONT "$pid" 2>/dev/null
 }
 
@@ -39,8 +44,13 @@ tool=$!
 rewriter $tool
 wait $tool
 TOOL_STATUS=$?
-cmp -s /tmp/up.bin /rig/up.bin && not_ok "the file was not rewritten while the upgrade ran" ||
-    ok "the file was rewritten while the upgrade ran"
+cmp -s /tmp/up.bin /rig/up.bin && not_ok "the file was not changed while the upgrade ran" ||
+    ok "the file was changed ($MEDDLE) while the upgrade ran"
+if [ "$MEDDLE" = truncate ]; then
+    expect_value "-U of a file cut short" 255 "$TOOL_STATUS"
+    grep -q "firmware file '/tmp/up.bin' was cut short while it was read." /rig/out/upgrade.log &&
+        ok "the cut is traced" || not_ok "no trace of the file cut short"
+fi
 
 case $FLAG in ubi4:*) attach_flag_device ;; esac
 flag=$(flag_of "$FLAG")
