@@ -58,7 +58,7 @@ upgrade_road raw_road(const std::string &name, std::vector<raw_ptn> ptns, const 
 {
     upgrade_road road;
     road.name = name;
-    auto dev = std::make_unique<raw_device>(std::move(ptns));
+    auto dev = std::make_shared<raw_device>(std::move(ptns));
     pack_images(*dev, {image});
     road.args = {"-U", "-u", dev->join("up.bin")};
     road.device = std::move(dev);
@@ -127,9 +127,9 @@ upgrade_road raw_ubi()
 }
 
 // UBI device 0 with the volumes of a dual-image device, each file its reserved room.
-std::unique_ptr<fake_root> ubi_volumes()
+std::shared_ptr<fake_root> ubi_volumes()
 {
-    auto dev = std::make_unique<fake_root>();
+    auto dev = std::make_shared<fake_root>();
     const std::pair<const char *, std::string> volumes[] = {
         {"device-info", with_content_header(kDevice)},
         {"firmware-info", with_content_header(fwinfo_json("1.4.0 Build 1 Rel.1"))},

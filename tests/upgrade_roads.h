@@ -19,12 +19,13 @@ struct byte_range {
 
 struct upgrade_road {
     std::string name;
-    std::unique_ptr<fake_root> device; // holds the firmware file (up.bin) too
-    std::vector<std::string> args;     // of the tool, after the root
-    std::vector<byte_range> carried;   // what the image brings into the target
-    std::vector<byte_range> user;      // user data the upgrade carries over: moves, copies
-    std::string flag;                  // the device file of the target's flag record
-    std::string flag_done;             // the flag record's document once installed
+    // Holds the firmware file (up.bin) too; shared, so that a raw_device is deleted as one.
+    std::shared_ptr<fake_root> device;
+    std::vector<std::string> args;   // of the tool, after the root
+    std::vector<byte_range> carried; // what the image brings into the target
+    std::vector<byte_range> user;    // user data the upgrade carries over: moves, copies
+    std::string flag;                // the device file of the target's flag record
+    std::string flag_done;           // the flag record's document once installed
 };
 
 // The roads by name: "raw-moves" (a layout change with overlapping, growing and new
