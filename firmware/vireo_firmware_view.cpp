@@ -8,8 +8,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static const char VIREO_MODULE[] = "vireo_firmware";
-
 namespace
 {
 

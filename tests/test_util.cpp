@@ -171,7 +171,7 @@ run_result run_program(const std::string &program, const std::vector<std::string
             const ssize_t n = readlink(link.c_str(), now, sizeof(now) - 1);
             if (n > 0 && std::string(now, static_cast<size_t>(n)) == exe)
                 peak = std::max(peak, anon_kb(pid));
-            usleep(1000);
+            usleep(200);
         }
     } else {
         waitpid(pid, &wstatus, 0);

@@ -46,7 +46,7 @@ void write_file(const std::string &path, const std::string &content);
 std::string pattern(size_t n, int seed);
 
 struct run_result {
-    int status; // exit status 0..255, or -1 when killed by a signal
+    int status = -1; // exit status 0..255, or -1 when killed by a signal
     std::string out;
     std::string err;
     long peak_anon_kb = 0; // the largest private memory (RssAnon) seen, when watched
@@ -54,6 +54,6 @@ struct run_result {
 
 // Runs the program with the arguments (argv[0] is added), no standard input.
 // env: NAME=VALUE settings for the program only. With watch_memory, the program's private
-// memory is sampled every millisecond while it runs.
+// memory is sampled every 0.2 ms while it runs.
 run_result run_program(const std::string &program, const std::vector<std::string> &args,
                        const std::vector<std::string> &env = {}, bool watch_memory = false);
