@@ -19,7 +19,7 @@ for f in "$RIG_DIR"/scenarios/*.sh; do
 done
 
 rig_all_scenarios=(identity signature raw raw-ubi ubi ubi-badblocks raw-badblock speed powercut-raw
-                   powercut-ubi powercut-nand rewrite small-router)
+                   powercut-ubi powercut-nand rewrite small-router openwrt)
 
 usage()
 {

@@ -157,9 +157,22 @@ check "that build needs no OpenSSL, GoogleTest or Google Benchmark" \
     eval "! grep -E '^(OPENSSL_CRYPTO_LIBRARY|GTest_DIR|benchmark_DIR)' $build/build/CMakeCache.txt"
 check "the vendor key setting reaches the build" \
     grep -qx "VIREO_PUBLIC_KEY_FILE:FILEPATH=$root/keys/vireo_test_key.txt" "$build/build/CMakeCache.txt"
-check "the package holds /usr/sbin/vireo_firmware_upgrade alone" \
-    eval "pkgmake install PKG_ROOT=$owrt/root && same_files $owrt/root usr/sbin/vireo_firmware_upgrade &&
-          $owrt/root/usr/sbin/vireo_firmware_upgrade -h >/dev/null"
+check "the package holds the tool, the upgrade hook and its settings, kept over upgrades" \
+    eval "pkgmake install PKG_ROOT=$owrt/root &&
+          same_files $owrt/root usr/sbin/vireo_firmware_upgrade \
+              lib/upgrade/vireo_firmware_upgrade.sh etc/config/vireo_firmware_upgrade &&
+          $owrt/root/usr/sbin/vireo_firmware_upgrade -h >/dev/null &&
+          [ \"\$(pkgmake print-conffiles)\" = /etc/config/vireo_firmware_upgrade ]"
+hook_after_platform() {
+    local hook
+    hook=$(ls "$owrt/root/lib/upgrade")
+    sh -n "$owrt/root/lib/upgrade/$hook" &&
+        [ "$(printf '%s\n' platform.sh "$hook" | LC_ALL=C sort | tail -n 1)" = "$hook" ]
+}
+check "the hook is a shell library, sourced after a board's platform.sh" hook_after_platform
+check "the package declares its licence, Apache-2.0, in the project's LICENSE" \
+    eval "[ \"\$(pkgmake print-license)\" = 'Apache-2.0 LICENSE' ] &&
+          grep -q 'Apache License' LICENSE && grep -q 'Version 2.0, January 2004' LICENSE"
 
 echo "install: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -4,4 +4,6 @@
 INCLUDE_DIR:=$(TOPDIR)/include
 INSTALL_DIR:=install -d -m0755
 INSTALL_BIN:=install -m0755
+INSTALL_DATA:=install -m0644
+INSTALL_CONF:=install -m0600
 qstrip=$(strip $(subst ",,$(1)))
