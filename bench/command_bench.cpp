@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole commands on a large signed firmware file, each against md5sum of the same file in
 // the same run: one hash pass over the file is the floor of a check. The file is measured
 // where a router keeps it, in tmpfs, and on disk. Prints the median wall time, the ratio,

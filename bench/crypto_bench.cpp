@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Our MD5, SHA-1 and RSA verification against OpenSSL's, measured in the same run;
 // prints the ratios at the end (above 1: ours is faster).
 #include "crypto/vireo_md5.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* rss_probe COMMAND [ARGS...]: runs the command with its output discarded and prints
  * "<exit status> <wall seconds> <peak resident KiB> <peak private KiB>": the peak resident
  * set (ru_maxrss, a mapped file's pages included) and the largest private memory (RssAnon)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Cross build for 64-bit ARM with Debian's cross compiler and multiarch (:arm64) libraries:
 #   cmake -S . -B build-cross -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake
 # Programs built here run on an x86 host under qemu-user (qemu-aarch64), which CTest uses

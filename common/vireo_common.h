@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Trace facility, JSON helpers and partition-name check shared by every module.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "common/vireo_device.h"
 
 #include "common/vireo_common.h"

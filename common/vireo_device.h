@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Partition names to MTD and UBI device nodes, through the names the kernel publishes
 // in sysfs. Every returned path is formed under the platform root prefix.
 #pragma once

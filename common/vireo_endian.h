@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Byte-order helpers for the on-flash and in-file formats, independent of the host.
 #pragma once
 

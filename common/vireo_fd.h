@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // File descriptors: one closed on every way out of the scope that opened it, and whole reads
 // at an offset.
 #pragma once

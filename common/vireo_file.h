@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Path-based reads and writes of files, MTD devices and UBI volumes. Each call opens,
 // does one job and closes; none creates a file, and no write leaves the target.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "common/vireo_file_flash.h"
 
 #include "common/vireo_common.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Unit-by-unit writes to MTD character devices that land on real flash as they would on
 // RAM-like flash. A program only clears bits (NOR) or may be made once per erase and page
 // (NAND), so every byte is programmed over erased flash: an erase block whose bytes to be

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every fixed platform path (sysfs, /dev, /proc, /tmp, /etc) is formed here, under a
 // process-wide root prefix. The tool leaves the prefix empty; tests point it at a
 // temporary tree holding a fake sysfs and /dev.

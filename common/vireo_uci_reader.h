@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small reader of uci files offering the subset of libuci's types and calls that the tool
 // uses, with libuci's names. It reads a file as libuci's parser does, quirks included:
 // abbreviated commands, quotes glued to words, multi-line quotes, backslash line joins,

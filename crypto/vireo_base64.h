@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Standard base64 (RFC 4648) decoding of the built-in key text.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Unsigned big numbers of up to 2048 bits, for raising a signature to the public
 // exponent modulo the public modulus. A number is one allocated array of 16-bit words:
 // word 0 is the number of digits in use, words 1..length the digits, base 65536, least

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RSASSA-PKCS1-v1_5 verification with SHA-1 of a digest, for a public key given as a
 // CryptoAPI public-key blob (modulus least significant byte first) and a signature
 // stored least significant byte first. Answers are 1 (valid) or 0; nothing is traced.

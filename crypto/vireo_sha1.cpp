@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "crypto/vireo_sha1.h"
 
 #include <cstring>

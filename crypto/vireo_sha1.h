@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SHA-1 (FIPS 180-4), used to hash the 16-byte digest that a signature covers.
 #pragma once
 

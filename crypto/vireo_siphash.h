@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SipHash-2-4: a keyed 64-bit hash, used to seal blocks of a firmware file with a key
 // that lives only as long as one run.
 #pragma once

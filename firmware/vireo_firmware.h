@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Commands of work mode "default": check and install a firmware file on raw MTD flash,
 // and the steps they are made of.
 #pragma once

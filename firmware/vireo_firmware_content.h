@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writing one partition content of an image into flash: in 2048-byte units, from bytes
 // proven to be the verified ones when the payload carries seals, and read back after.
 #pragma once

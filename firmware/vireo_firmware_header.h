@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The firmware header at the start of every image of a firmware file, and the chain of
 // images it links.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Signature and digest checks of a firmware file, with their process-wide state.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records a compatibility check compares: the device's own, read from its MTD
 // partitions, and an image's, read from its payload.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Seals of a firmware file's bytes, taken in the very pass that verifies its signature.
 // The file stays mapped shared while an upgrade works on it, so another process could
 // change it after the check; every byte the upgrade reads afterwards is copied out of the

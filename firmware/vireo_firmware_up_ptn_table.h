@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The upgrade partition table of an image: the partitions it carries and where their
 // contents lie in the payload.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The raw-flash upgrade in its two steps: everything that only reads (the device's table,
 // the file, its signature, the image that fits), then the install.
 #pragma once

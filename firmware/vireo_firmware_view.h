@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A firmware file held once for the length of a command, in both work modes: opened, mapped
 // read-only and prefaulted (a file in tmpfs is in memory already: its own pages are mapped,
 // nothing is copied), sealed in the pass that verifies its signature when the command

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "firmware/vireo_firmware_walk.h"
 
 #include "common/vireo_file.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walking the chain of images of a firmware file held in memory.
 #pragma once
 

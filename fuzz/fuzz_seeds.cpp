@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vireo_fuzz_seeds DIR: writes the seed corpus of every fuzz target into DIR/<target>/,
 // made at run time from firmware files that vireo_firmware_pack builds and from the
 // documents the tests' fake devices hold.

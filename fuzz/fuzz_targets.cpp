@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The libFuzzer targets, one per parser of outside bytes. This file is built once per
 // target: VIREO_FUZZ_TARGET names the one whose function receives the inputs.
 #include "common/vireo_common.h"

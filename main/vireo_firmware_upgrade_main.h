@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line of vireo_firmware_upgrade: options, dispatch, PID lock and viewer.
 #pragma once
 

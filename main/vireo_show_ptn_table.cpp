@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "main/vireo_firmware_upgrade_main.h"
 
 #include "common/vireo_common.h"

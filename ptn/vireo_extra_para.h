@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Boot flags and score of an installed image, kept as a JSON document in its extra-para
 // partition or volume.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Partition table: the flash layout as a record, its JSON form, validation and dump.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device's own description, kept as a JSON document in its device-info partition.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A firmware's version and id, kept in the firmware-info partition of the device and of
 // each firmware file.
 #pragma once

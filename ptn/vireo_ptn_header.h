@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The 16-byte big-endian header in front of every record partition.
 #pragma once
 

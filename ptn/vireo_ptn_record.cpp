@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ptn/vireo_ptn_record.h"
 
 #include "common/vireo_file.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one road by which every record is read: a partition, volume or file range is read
 // whole, its content header checked, and the content located for the record's parser.
 // Each reader passes its own trace words; the lines carry the reader's trace site.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ptn/vireo_ptn_support_list.h"
 
 #include "common/vireo_common.h"

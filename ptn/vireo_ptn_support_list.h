@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The devices a firmware may be installed on, carried in its support-list partition.
 #pragma once
 

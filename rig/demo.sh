@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The tool's main job on the virtual router: packs and signs a firmware file with
 # vireo_firmware_pack, boots the router VR100 (its flash a NAND chip of the kernel's nandsim)
 # with its factory layout, runs -C and then -U,

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The virtual router: runs the tool on the kernel's MTD and UBI drivers in QEMU (TCG).
 #
 #   bash rig/run.sh [--sweep] [SCENARIO...]

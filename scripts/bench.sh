@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds optimised and runs the benchmarks: the crypto primitives against OpenSSL, then
 # whole commands on a large firmware file against md5sum. Each ends with its ratios.
 # Arguments go to the command benchmark: [MiB] [runs].

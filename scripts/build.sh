@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Configures and builds one tree: scripts/build.sh DIR [cmake options...]
 set -euo pipefail
 dir=$1

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the tool, the host tools and the tests for 64-bit ARM (aarch64) with Debian's cross
 # compiler and arm64 libraries in build-cross/, and runs the tests under qemu-user: CTest
 # starts each test program under qemu-aarch64, and the tests start the aarch64 programs

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs what is missing, builds the tool and shows it at work on the host.
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages the build and the tests need, when any is missing; with
 # arguments, those packages instead (NAME:arm64 adds the arm64 architecture first).
 set -euo pipefail

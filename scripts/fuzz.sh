@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the libFuzzer targets of fuzz/ (clang, AddressSanitizer + UndefinedBehaviorSanitizer)
 # in build-fuzz/, makes their seeds at run time, runs each target for SECONDS, two at a time,
 # and reports per target its executions per second, coverage and findings (crash, leak,

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the project into a scratch DESTDIR and checks what lands where, renders the man
 # pages with man(1) and holds their synopses and options against the programs, then builds
 # the OpenWrt package's way: its Makefile evaluated with stand-ins for OpenWrt's make files

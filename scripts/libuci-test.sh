@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the real libuci from its core sources into build-uci/, builds the tool and the
 # settings tests against it (VIREO_HAVE_LIBUCI) and runs them: the table of settings files
 # that our own uci reader is held to must be what libuci reads. The sources are never part

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Power cuts at every flash operation of each upgrade road, on the host:
 #
 #   bash scripts/powercut.sh [ROAD...]      roads: raw-moves raw raw-ubi ubi rollback

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs what is missing, builds the plain and the sanitizer trees, checks the
 # formatting, runs every test in both trees, the power-cut sweep of the upgrade roads and the
 # scenarios of the virtual router, then the aarch64 cross build's tests, the install and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs the tool's command line as a user would and checks its output and exit status. The
 // tool runs with its fixed paths under a root of this process's own, so that its lock file
 // is no other test run's.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The common module: JSON, device lookups by name (under the platform
 // root the fake trees set) and the file helpers.
 #include "common/vireo_common.h"

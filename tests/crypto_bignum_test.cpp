@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Big numbers against OpenSSL's BN_mod_exp.
 #include "crypto/vireo_bignum.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // MD5 and SHA-1 against OpenSSL, fed in one piece and in pieces across block boundaries.
 #include "crypto/vireo_md5.h"
 #include "crypto/vireo_sha1.h"

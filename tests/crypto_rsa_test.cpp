@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RSA verification against signatures made with OpenSSL, and against the padding vectors of
 // another project's suite.
 #include "crypto/vireo_base64.h"

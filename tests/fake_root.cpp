@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "fake_root.h"
 
 #include "common/vireo_endian.h"

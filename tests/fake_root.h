@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A temporary platform root holding a fake sysfs and /dev tree; the tool's fixed paths
 // point into it while the object lives.
 #pragma once

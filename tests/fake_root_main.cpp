@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vireo_fake_root_tool ROOT ARGS...: the device tool with every fixed path under ROOT, so
 // that tests and benchmarks run its commands as a user would, on a fake device tree.
 #include "common/vireo_platform.h"

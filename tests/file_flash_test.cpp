@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The block-mode writer on flash (emulated by the preloaded library): whatever the device
 // held, it ends up holding what a device that simply overwrites would, and an erase block is
 // erased only where a program would not land on erased flash.

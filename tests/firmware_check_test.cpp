@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The raw-flash check command on a fake device: what it accepts and refuses, and that it
 // changes no byte of the device or of the file.
 #include "common/vireo_common.h"

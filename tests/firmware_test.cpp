@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The firmware module: the image header and the chain of images, the up-ptn-table region
 // and the contents it locates, and the device's partition table against an image's
 // (comparing the two, carrying moved partitions through the whole-flash device).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The raw-flash upgrade on a fake device, run as a user runs it. Stand-ins for the
 // router's "mtd", "ubiattach" and "ubidetach" log their calls; a preloaded library makes
 // every flash file of the tree behave like NOR flash (a write only clears bits, an erase

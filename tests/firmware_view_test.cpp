@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The firmware file held once, in both work modes: a file cut short or rewritten in place
 // under an upgrade fails it with the target flagged off, and no command keeps a private copy
 // of the file, whatever its size.

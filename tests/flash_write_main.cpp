@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vireo_flash_write_tool DEVICE OFFSET DATA_FILE: the block-mode writer (2048-byte units) of
 // DATA_FILE's bytes onto DEVICE at OFFSET, for the tests that run it under the flash emulation
 // of the preloaded library. Exit status 0 when the write succeeded, 1 when it failed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The signature check over whole files, heads and digests.
 #include "firmware/vireo_firmware_integrity.h"
 

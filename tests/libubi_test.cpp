@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The UBI library on a fake tree: its interface version, how it tells UBI device and volume
 // nodes from anything else, and the volume write that refuses anything but a volume node.
 #include "ubi/vireo_libubi.h"

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Built when the settings code uses libuci: the settings tests against libuci, so that the
 # table our own reader is held to is the one libuci reads.
 add_executable(vireo_uci_tests test_util.cpp fake_root.cpp uci_test.cpp)

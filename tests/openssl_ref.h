@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // OpenSSL as the independent reference for the crypto tests and the firmware tests.
 #pragma once
 

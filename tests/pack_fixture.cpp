@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "pack_fixture.h"
 
 #include "firmware/vireo_firmware_integrity.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Firmware files made by vireo_firmware_pack with the test key, for the tests.
 #pragma once
 

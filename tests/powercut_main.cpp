@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vireo_powercut [--list] [ROAD...]: cuts the power at every flash-changing operation of each
 // upgrade road (all of them when none is named), before it, after it and with half of a write
 // landed, on a fake device whose flash behaves as flash (the preloaded library). After each cut it

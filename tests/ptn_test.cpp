@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The partition module: partition tables and the content header in front of records.
 #include "ptn/vireo_ptn.h"
 #include "ptn/vireo_ptn_header.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "raw_device.h"
 
 #include "common/vireo_common.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A raw-flash device in a fake tree, and firmware files for it.
 #pragma once
 

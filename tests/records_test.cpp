@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record documents: device-info, support-list, firmware-info and extra-para.
 #include "ptn/vireo_extra_para.h"
 #include "ptn/vireo_ptn_device_info.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Helpers shared by the tests: output capture, trace parsing, temporary trees, tool runs.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host tools, run as their users run them.
 #include "pack_fixture.h"
 #include "test_util.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Work mode "ubi" on a fake dual-image device: the boot flags and scores of the two images
 // (which image an upgrade switches off and on, and what each flag volume holds afterwards),
 // the check command, and the upgrade and roll-back. In the test's own process volumes are

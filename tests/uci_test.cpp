@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The special ids of the settings, as the UBI check reads them, and the uci reader behind
 // them (ours, or libuci in a build with VIREO_HAVE_LIBUCI).
 #include "common/vireo_uci.h"

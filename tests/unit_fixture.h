@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Helpers of the module tests: partition tables built from text.
 #pragma once
 

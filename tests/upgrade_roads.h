@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The roads of an upgrade, run as a user runs them on a fake device under the preloaded
 // flash library: the devices, their firmware files, the stand-ins for the router's "mtd",
 // "ubiattach" and "ubidetach", and what each road may change. Shared by the upgrade tests

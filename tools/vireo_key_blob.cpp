@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tools/vireo_key_blob.h"
 
 #include <cstdio>

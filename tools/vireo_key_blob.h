@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host side: RSA keys in PEM form to the public-key blob and base64 text the tool builds in.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vireo_key_text: prints the base64 key text that the device tool builds in, from an
 // RSA public (or private) key in PEM form.
 #include "tools/vireo_key_blob.h"

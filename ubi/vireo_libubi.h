@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The small UBI library: is UBI present and of the expected version, is a node a UBI
 // device or volume, and start a volume update. Errors go to standard error, prefixed
 // "libubi: error!: ", with errno telling the reason.

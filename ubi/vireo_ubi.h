@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Commands of work mode "ubi": check, install and roll back on a dual-image UBI device,
 // and the steps they are made of.
 #pragma once

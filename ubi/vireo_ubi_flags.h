@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scores and boot flags of the two images of a dual-image device, kept in the flag
 // volumes "extra-para" (primary) and "extra-para.b" (backup), each an extra-para record
 // behind a content header. The image that receives an upgrade is the lower-scored one,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ubi/vireo_ubi.h"
 
 #include "common/vireo_common.h"

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Guest part of rig/demo.sh: shows the partitions, the table and the boot flag; with
 # PHASE=upgrade runs -C and -U between.
 . /lib/rig.sh

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Helpers of the virtual router, sourced by /init and by the scenarios' guest scripts.
 # Everything here reads the devices themselves; nothing trusts the tool's traces.
 

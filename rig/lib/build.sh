@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Builds what the virtual router needs, from Debian's packages only, into build-rig/:
 # the tool (x86_64), the kernel and its modules, and the initramfs. Sourced by run.sh.
 

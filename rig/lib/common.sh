@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The rig's host side, sourced by run.sh and demo.sh: paths, the libraries, and the two
 # steps every scenario takes (a shared folder, a boot with its checks reported).
 RIG_DIR=$RIG_ROOT/rig

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The raw-flash router VR300 with two images in MTD partitions ("ubi" and "ubi.b",
 # "firmware-info" and "firmware-info.b") whose flags live in the volumes "extra-para" and
 # "extra-para.b" of the UBI partition "extra-para-ubi". Its firmware carries "ubi".

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Host-side helpers of the scenarios: record documents, flash images, firmware files and
 # expected device contents. Sourced by run.sh.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The raw-flash router VR100: its factory flash and a firmware file whose second image
 # brings a new layout. Sourced by run.sh; used by the raw, signature and rewrite scenarios
 # and by the demo.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The dual-image UBI router VR500: its factory flash (one MTD partition "ubi" holding both
 # images' volumes) and its firmware files. Sourced by run.sh; used by the ubi, signature
 # and power-cut scenarios.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Boots the virtual router. Sourced by run.sh.
 
 # Kernel command line: serial console, no probing of hardware the router lacks.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Device identity: the whole flash, a partition's character device and its block device
 # show the same bytes, on mtdram, block2mtd and both NAND chips; UBI on each finds the LEB
 # size the host makes its images for, and a volume replaced with ubiupdatevol reads back as

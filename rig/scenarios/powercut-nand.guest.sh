@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Guest part of the powercut-nand scenario: the power cut at chosen flash operations of one
 # upgrade road, on nandsim. nandsim keeps its bytes in RAM and a write to it is done when it
 # returns, so the tool killed (SIGKILL, by the preloaded library) at operation N leaves

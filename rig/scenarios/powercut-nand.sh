@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Power cuts at flash operations of each upgrade road, on the NAND router (nandsim): the tool
 # is killed before, after or half-way through its Nth flash-changing operation by the
 # preloaded library, and the router classifies what the cut left and retries, in the same

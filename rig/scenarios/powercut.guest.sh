@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Guest part of the power-cut scenarios: PHASE=upgrade runs the upgrade between the two
 # console marks the host times and cuts; PHASE=verify classifies what the flash holds.
 . /lib/rig.sh

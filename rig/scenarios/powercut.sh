@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Power cuts, the real thing: the flash is a block2mtd device over a host file; the whole VM
 # is killed at points spread over an upgrade, so whatever the guest had not yet written is
 # lost, and the router is booted again on the same flash file. Afterwards the running

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Guest part of the raw-badblock scenario.
 . /lib/rig.sh
 cp /rig/up.bin /tmp/

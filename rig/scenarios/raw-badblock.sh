@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # A bad erase block in a raw partition: the NAND router of the raw scenario with erase block
 # 11 (inside "kernel", base 0x140000) bad. "mtd erase kernel" skips the block; the tool's write
 # refuses it, and -U fails safely: exit 255, the content failure traced, the image flagged

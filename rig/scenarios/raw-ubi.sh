@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Raw flash on NAND (512-byte pages, 16 KiB erase blocks: the layout is aligned to 64 KiB),
 # image carrying "ubi": "extra-para-ubi" is attached as UBI device 4 for the flags, "ubi" and
 # "firmware-info" go to their ".b" twins by score, and the running image is left alone.

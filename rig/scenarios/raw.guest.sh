@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Guest part of the raw scenario: PHASE=upgrade runs -C and -U on the factory flash,
 # PHASE=verify checks the flash booted with the new table.
 . /lib/rig.sh

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Raw flash on NAND (2 KiB pages, 128 KiB erase blocks): -C, then -U of a two-image file
 # whose second image fits and changes the layout (moves that overlap, a partition that grows,
 # a new one). The flag in "extra-para" is watched while the upgrade runs; the router is then

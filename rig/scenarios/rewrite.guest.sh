@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Guest part of the rewrite scenario: the upgrade runs while a second process waits for it
 # to touch the target's flag (past the signature check) and then overwrites a partition's
 # content in the firmware file (MEDDLE=rewrite), or cuts the file short right before that

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # A firmware file changed during the upgrade by a second process in the VM, once the
 # upgrade is past its signature check: rewritten in place, or cut short (the tool's reads of
 # its mapping then fault). A GOOD flag must never stand over bytes that were not the signed

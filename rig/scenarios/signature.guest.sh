@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Guest part of the signature scenario (MODE=default: raw flash, MODE=ubi: UBI volumes).
 . /lib/rig.sh
 . /rig/config

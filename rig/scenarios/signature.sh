@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Signature: a firmware file with one byte changed is refused by -t, -C and -U, in both
 # work modes, and no byte of the flash or of a UBI volume changes. On NAND.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Guest part of the small-router scenario. The tool's private memory (RssAnon) is sampled
 # while each command runs: the file's own pages are not in it, a copy of the file would be.
 . /lib/rig.sh

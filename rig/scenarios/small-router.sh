@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # A small router: 160 MiB of memory, the UBI work mode on NAND, and a 36 MiB firmware file of
 # two images in /tmp (tmpfs: the file is in memory already), the first for this VR500, the
 # second, large, for another model. The tool holds the file through its own pages, without

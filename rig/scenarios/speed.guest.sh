@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Guest part of the speed scenario: MODE=default (raw flash) or MODE=ubi. A round restores
 # the factory flash, times -U, checks its result, times mtd-utils making the same writes and
 # checks theirs. The first round only warms up (under the emulator the first run of any code

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Speed on flash: in one VM per work mode on the NAND router, -U (its checks, flag writes,
 # moves, erases, writes and read-backs) against what mtd-utils take to make the same writes:
 # flash_erase and nandwrite of each raw region the upgrade changes, ubiupdatevol of each

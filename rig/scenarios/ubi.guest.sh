@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Guest part of the ubi and ubi-badblocks scenarios.
 . /lib/rig.sh
 . /rig/config

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # UBI work mode on NAND: -C, -U with volume replacement through the volume-update ioctl,
 # the user data copied to the backup image, flags and scores; the same software version left
 # alone; roll-back. Every volume is read back and compared. ubi-badblocks: the same on a NAND

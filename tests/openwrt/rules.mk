@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Stand-ins for the OpenWrt build system's make files: just enough to evaluate a package
 # Makefile outside an OpenWrt tree (scripts/install-test.sh), so that the options it passes
 # to CMake and its install recipe can be run here.

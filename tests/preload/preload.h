@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* A library preloaded into the tool by the tests, making a fake device tree behave as the
  * router's flash and UBI devices, and cutting the power at a chosen flash operation.
  * Settings come from the environment; what each part does is said in its own file:

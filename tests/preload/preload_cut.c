@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The power cut. With VIREO_CUT_AT=N the process is killed (SIGKILL: no cleanup, no flush) at
  * its Nth flash-changing operation: before it (VIREO_CUT_MODE=before, the default), after it
  * (after), or, for a write, once its first half has landed (tear; other operations are cut

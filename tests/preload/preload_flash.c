@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Every "<VIREO_FLASH_ROOT>/dev/mtd<N>" file is an MTD character device of real flash:
  *  - it answers MEMGETINFO (erase blocks of VIREO_FLASH_ERASE bytes, default 64 KiB; pages of
  *    VIREO_FLASH_PAGE bytes, default 1), MEMERASE (the block reads 0xFF again) and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The calls this library interposes, and what all of its parts share:
  *  - VIREO_WRITE_LOG: every write to a file is logged as "<path> <bytes>";
  *  - VIREO_FAIL_PATHS: colon-separated files whose writes and erases fail with EIO. */

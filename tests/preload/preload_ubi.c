@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Every "<VIREO_FLASH_ROOT>/dev/ubi<D>_<V>" file is volume V of UBI device D, and
  * "<VIREO_FLASH_ROOT>/dev/ubi<D>" the device: stat() shows character devices of major 240 + D
  * and minor V + 1 (0 for the device), as the fake tree's sysfs says (fake_root::ubi_volume).

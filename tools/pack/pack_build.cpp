@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tools/pack/pack_build.h"
 
 #include "firmware/vireo_firmware_header.h"

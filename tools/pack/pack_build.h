@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Laying out, digesting and signing a firmware file from a manifest.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vireo_firmware_pack: lays out, signs and inspects firmware files for
 // vireo_firmware_upgrade.
 #include "crypto/vireo_rsa.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading a firmware file back, independently of the device tool's parsers.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared pieces of vireo_firmware_pack: errors, files, JSON, keys, digests.
 #pragma once
 

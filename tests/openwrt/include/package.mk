@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Stand-in for OpenWrt's package.mk (see ../rules.mk). BuildPackage offers targets that
 # show the package's settings and run its recipes:
 #   print-depends, print-options, print-license, print-conffiles, prepare (Build/Prepare),
