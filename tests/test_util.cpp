@@ -143,6 +143,7 @@ run_result run_program(const std::string &program, const std::vector<std::string
 {
     temp_dir dir;
     const std::string out_path = dir.join("out"), err_path = dir.join("err");
+    const std::string anon_log = "VIREO_ANON_LOG=" + dir.join("anon");
     fflush(stdout);
     fflush(stderr);
     const pid_t pid = fork();
@@ -152,6 +153,8 @@ run_result run_program(const std::string &program, const std::vector<std::string
         dup2(open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
         for (const std::string &e : env)
             putenv(const_cast<char *>(e.c_str()));
+        if (watch_memory)
+            putenv(const_cast<char *>(anon_log.c_str()));
         std::vector<char *> argv = {const_cast<char *>(program.c_str())};
         for (const std::string &a : args)
             argv.push_back(const_cast<char *>(a.c_str()));
@@ -174,6 +177,11 @@ run_result run_program(const std::string &program, const std::vector<std::string
                 peak = std::max(peak, anon_kb(pid));
             usleep(200);
         }
+        // What the tests' preloaded library saw from inside the program, when it was loaded.
+        std::istringstream seen(read_file(dir.join("anon")));
+        for (long who = 0, kb = 0; seen >> who >> kb;)
+            if (who == pid)
+                peak = std::max(peak, kb);
     } else {
         waitpid(pid, &wstatus, 0);
     }

@@ -2,7 +2,8 @@
 # Builds what the virtual router needs, from Debian's packages only, into build-rig/:
 # the tool (x86_64), the kernel and its modules, and the initramfs. Sourced by run.sh.
 
-rig_packages=(qemu-system-x86 busybox-static mtd-utils xz-utils)
+# libjson-c-dev: OpenWrt's jshn, built from libubox's sources for the openwrt scenario.
+rig_packages=(qemu-system-x86 busybox-static mtd-utils xz-utils libjson-c-dev)
 
 # Installs the project's build dependencies and the rig's packages when any is missing.
 rig_install_packages()

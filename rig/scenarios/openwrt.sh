@@ -52,9 +52,6 @@ scenario_openwrt()
         echo "    SKIP: OpenWrt's scripts or libubox's sources are not in $RIG_THIRD_PARTY"
         return 0
     fi
-    dpkg-query -W -f='${Status}' libjson-c-dev 2>/dev/null | grep -q "install ok installed" ||
-        DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
-            libjson-c-dev >/dev/null
     local status=0 raw=$RIG_WORK/raw-data ubi=$RIG_WORK/ubi-data share size
     rig_medium nand
     rig_device raw "$raw"

@@ -5,6 +5,7 @@
  *  - preload_flash.c: "<VIREO_FLASH_ROOT>/dev/mtd<N>" files as NOR or NAND flash;
  *  - preload_ubi.c: "<VIREO_FLASH_ROOT>/dev/ubi<D>_<V>" files as UBI volumes;
  *  - preload_cut.c: the power cut (VIREO_CUT_AT);
+ *  - preload_memory.c: the largest private memory seen (VIREO_ANON_LOG);
  *  - preload_io.c: the interposed calls, and the logs and failures shared by all. */
 #pragma once
 
@@ -52,3 +53,6 @@ int flash_node(const char *path);
  * CUT_AFTER: cut once it is done; CUT_TEAR (tearable writes only): cut once half is done. */
 int cut_point(const char *kind, const char *what, int tearable);
 void cut_now(void) __attribute__((noreturn));
+
+/* preload_memory.c: notes the process's private memory now. */
+void memory_sample(void);

@@ -135,6 +135,7 @@ static ssize_t device_write(int fd, const char *path, const void *buf, size_t co
 
 static ssize_t write_at(int fd, const void *buf, size_t count, off_t at, int positioned)
 {
+    memory_sample();
     char path[4096];
     if (!path_of(fd, path, sizeof(path)))
         return positioned ? real_pwrite(fd, buf, count, at) : real_write(fd, buf, count);
@@ -164,6 +165,7 @@ ssize_t pwrite64(int fd, const void *buf, size_t count, off_t at)
 /* A damaged UBI volume refuses to be read, as the kernel's does. */
 static int damaged(int fd)
 {
+    memory_sample();
     char path[4096];
     if (!getenv("VIREO_FLASH_ROOT") || !path_of(fd, path, sizeof(path)) || !ubi_damaged(path))
         return 0;
@@ -192,6 +194,7 @@ int ioctl(int fd, unsigned long request, ...)
     va_start(ap, request);
     void *arg = va_arg(ap, void *);
     va_end(ap);
+    memory_sample();
     char path[4096];
     if (!path_of(fd, path, sizeof(path)))
         return real_ioctl(fd, request, arg);
