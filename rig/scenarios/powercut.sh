@@ -52,8 +52,17 @@ powercut_boot()
     else
         rig_boot "$share" "$RIG_WORK/flash.img" || true
         POWERCUT_STATE=$(cat "$share/out/state" 2>/dev/null || echo "no state (console: $share/console.log)")
+        # UBI rewrites its volume table (a new copy, then the old one erased) around every
+        # volume update. The page cache writes block2mtd's pages back in its own order, so a
+        # cut can find the old copies erased on the disk and the new ones not yet there: the
+        # device then does not attach. The tool never writes that table; a flash, which does
+        # not reorder, cannot end so (the NAND sweep has the same cuts without a cache).
+        if [ ! -f "$share/out/state" ] &&
+            grep -q "ubi_read_volume_table.*the layout volume was not found" "$share/console.log"; then
+            POWERCUT_STATE="medium: UBI's volume table lost to the page cache's write-back order"
+        fi
         grep '^not ok' "$share/out/guest.log" 2>/dev/null | sed 's/^/      /'
-        case $POWERCUT_STATE in untouched* | off* | installed*) return 0 ;; esac
+        case $POWERCUT_STATE in untouched* | off* | installed* | medium:*) return 0 ;; esac
         return 1
     fi
 }
