@@ -22,11 +22,14 @@ openwrt_tree()
     mkdir -p "$build"
     # Built in a copy, outside the third-party folder.
     if [ ! -x "$build/jshn" ] || [ ! -x "$build/fwtool" ]; then
-        cp "$RIG_THIRD_PARTY"/libubox/*.[ch] "$RIG_THIRD_PARTY"/openwrt/fwtool/src/* "$build/"
-        (cd "$build" &&
-            gcc -O2 -o jshn jshn.c blob.c blobmsg.c blobmsg_json.c avl.c avl-cmp.c utils.c \
-                -I/usr/include/json-c -ljson-c &&
-            gcc -O2 -o fwtool fwtool.c) || return 1
+        # Each from its own sources: both have a utils.h of their own.
+        mkdir -p "$build/src-libubox" "$build/src-fwtool"
+        cp "$RIG_THIRD_PARTY"/libubox/*.[ch] "$build/src-libubox/"
+        cp "$RIG_THIRD_PARTY"/openwrt/fwtool/src/* "$build/src-fwtool/"
+        (cd "$build/src-libubox" &&
+            gcc -O2 -o ../jshn jshn.c blob.c blobmsg.c blobmsg_json.c avl.c avl-cmp.c utils.c \
+                -I/usr/include/json-c -ljson-c) || return 1
+        (cd "$build/src-fwtool" && gcc -O2 -o ../fwtool fwtool.c) || return 1
     fi
     mkdir -p "$tree"
     (cd "$base" && tar -cf - .) | tar -C "$tree" -xf -
