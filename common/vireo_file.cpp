@@ -172,7 +172,7 @@ static int32_t write_plain_units(int fd, int32_t size, int32_t offset, int32_t l
                 write(fd, unit.data(), static_cast<size_t>(room < block_size ? room : block_size));
         }
         if (wrote != block_size) {
-            printf("ERROR write(%d) return %d.", chunk, static_cast<int>(wrote));
+            vireo_report_short_write(chunk, wrote);
             return -1;
         }
         done += chunk;
@@ -279,9 +279,7 @@ int32_t vireo_file_compare_units(const char *path, int32_t offset, int32_t len, 
             if (data && !want)
                 return -1;
             if ((data && memcmp(have, want, static_cast<size_t>(data)) != 0) ||
-                (n > data &&
-                 (have[data] != 0xFF ||
-                  memcmp(have + data, have + data + 1, static_cast<size_t>(n - data - 1)) != 0))) {
+                !vireo_all_erased(have + data, n - data)) {
                 int64_t i = 0;
                 while (have[i] == (i < data ? want[i] : 0xFF))
                     i++;

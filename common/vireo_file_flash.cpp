@@ -15,6 +15,16 @@
 
 static const char VIREO_MODULE[] = "vireo_file";
 
+bool vireo_all_erased(const uint8_t *p, int64_t n)
+{
+    return n <= 0 || (p[0] == 0xFF && memcmp(p, p + 1, static_cast<size_t>(n - 1)) == 0);
+}
+
+void vireo_report_short_write(int64_t chunk, int64_t result)
+{
+    printf("ERROR write(%d) return %d.", static_cast<int>(chunk), static_cast<int>(result));
+}
+
 int32_t vireo_flash_geometry_of(int fd, vireo_flash_geometry *geo)
 {
     mtd_info_user info{};
@@ -67,17 +77,6 @@ struct unit_bytes {
     }
 };
 
-bool all_erased(const uint8_t *p, int64_t n)
-{
-    return n <= 0 || (p[0] == 0xFF && memcmp(p, p + 1, static_cast<size_t>(n - 1)) == 0);
-}
-
-// The writer's failure line, as a short write reports it.
-void report(int64_t chunk, int64_t result)
-{
-    printf("ERROR write(%d) return %d.", static_cast<int>(chunk), static_cast<int>(result));
-}
-
 // One erase block of the device being written: what it holds and what it must hold.
 struct block_work {
     int fd; // written and erased through
@@ -102,14 +101,14 @@ struct block_work {
         for (int64_t at = from; at < to; at += unit) {
             const int64_t n = std::min(unit, to - at);
             const uint8_t *bytes = want_at(at);
-            if (all_erased(bytes, n))
+            if (vireo_all_erased(bytes, n))
                 continue;
             ssize_t wrote;
             do {
                 wrote = pwrite(fd, bytes, static_cast<size_t>(n), at);
             } while (wrote < 0 && errno == EINTR);
             if (wrote != n) {
-                report(n, wrote);
+                vireo_report_short_write(n, wrote);
                 return false;
             }
         }
@@ -122,14 +121,14 @@ struct block_work {
     {
         if (!vireo_read_fully_at(in, now_at(start), start, from - start) ||
             !vireo_read_fully_at(in, now_at(to), to, end - to)) {
-            report(end - start, -1);
+            vireo_report_short_write(end - start, -1);
             return false;
         }
         memcpy(want_at(start), now_at(start), static_cast<size_t>(from - start));
         memcpy(want_at(to), now_at(to), static_cast<size_t>(end - to));
         erase_info_user erase{static_cast<uint32_t>(start), static_cast<uint32_t>(end - start)};
         if (ioctl(fd, MEMERASE, &erase) != 0) {
-            report(end - start, -1);
+            vireo_report_short_write(end - start, -1);
             return false;
         }
         return program(start, end);
@@ -168,7 +167,7 @@ int32_t vireo_flash_write_units(int fd, const char *path, int32_t size,
         if (in.fd < 0 || ioctl(fd, MEMGETBADBLOCK, &at) > 0 ||
             (!erased && !vireo_read_fully_at(in.fd, block.now_at(from_page), from_page,
                                              to_page - from_page))) {
-            report(to - pos, -1);
+            vireo_report_short_write(to - pos, -1);
             return -1;
         }
         const size_t n = static_cast<size_t>(to_page - from_page);
@@ -179,7 +178,7 @@ int32_t vireo_flash_write_units(int fd, const char *path, int32_t size,
             return -1;
         // A block that holds the bytes already is left as it is: no erase, no program.
         if (memcmp(block.want_at(from_page), block.now_at(from_page), n) != 0 &&
-            !(all_erased(block.now_at(from_page), to_page - from_page)
+            !(vireo_all_erased(block.now_at(from_page), to_page - from_page)
                   ? block.program(from_page, to_page)
                   : block.rewrite(from_page, to_page)))
             return -1;
@@ -188,7 +187,7 @@ int32_t vireo_flash_write_units(int fd, const char *path, int32_t size,
     if (span_end > size) {
         // As a short write reports it: the padded last unit lands as far as the device goes.
         const int64_t last = (static_cast<int64_t>(len) - 1) / block_size * block_size;
-        report(len - last, size - (offset + last));
+        vireo_report_short_write(len - last, size - (offset + last));
         return -1;
     }
     return 0;

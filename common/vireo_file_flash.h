@@ -15,6 +15,11 @@ struct vireo_flash_geometry {
     uint32_t page_size;  // the smallest unit a program takes (1 on NOR)
 };
 
+// Whether the n bytes at p all read 0xFF, as erased flash does.
+bool vireo_all_erased(const uint8_t *p, int64_t n);
+// The block-mode writer's failure line, as a short write reports it.
+void vireo_report_short_write(int64_t chunk, int64_t result);
+
 // 1 with geo filled when fd is an MTD character device, else 0 (a file, a block device).
 int32_t vireo_flash_geometry_of(int fd, vireo_flash_geometry *geo);
 

@@ -2,7 +2,6 @@
 #include "firmware/vireo_firmware.h"
 
 #include "common/vireo_common.h"
-#include "firmware/vireo_firmware_view.h"
 #include "firmware/vireo_firmware_walk.h"
 
 static const char VIREO_MODULE[] = "vireo_firmware";
@@ -28,10 +27,9 @@ int32_t vireo_firmware_check(const char *up_path)
                           const vireo_payload &payload) {
         return vireo_firmware_check_upgradable(flash.get(), header, table, payload);
     };
-    const bool fit = vireo_firmware_walk(VIREO_SITE(), view.data, view.size,
-                                         "Firmware is not allowed to upgrade into this device.\n",
-                                         fits, &found) == 0;
-    if (!vireo_file_view_intact(VIREO_SITE(), view) || !fit)
+    if (vireo_firmware_walk_view(VIREO_SITE(), &view,
+                                 "Firmware is not allowed to upgrade into this device.\n", fits,
+                                 &found) != 0)
         return -1;
     VIREO_TRACE("Firmware is upgradable for this DEVICE. \n");
     return 0;

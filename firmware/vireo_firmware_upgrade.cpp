@@ -24,11 +24,10 @@ int32_t vireo_firmware_upgrade_prepare(const char *up_path, vireo_upgrade_job *j
                               const vireo_payload &payload) {
         return vireo_firmware_check_upgradable(flash, header, table, payload);
     };
-    const bool fit =
-        vireo_firmware_walk(VIREO_SITE(), job->view.data, job->view.size,
-                            "Firmware is not allowed to upgrade this up table into this device.\n",
-                            fits, &job->found, vireo_file_view_seals(&job->view)) == 0;
-    if (!vireo_file_view_intact(VIREO_SITE(), job->view) || !fit)
+    if (vireo_firmware_walk_view(
+            VIREO_SITE(), &job->view,
+            "Firmware is not allowed to upgrade this up table into this device.\n", fits,
+            &job->found) != 0)
         return -1;
     const uint8_t *image = job->view.data + job->found.offset;
     VIREO_TRACE("up_file_buf %p \n", static_cast<const void *>(image));

@@ -111,8 +111,3 @@ bool vireo_file_view_intact(const vireo_trace_site &site, const vireo_file_view 
     vireo_trace_at(site, "firmware file '%s' was cut short while it was read.\n", view.path);
     return false;
 }
-
-vireo_seals *vireo_file_view_seals(vireo_file_view *view)
-{
-    return view->sealed ? &view->seals : nullptr;
-}

@@ -42,5 +42,3 @@ int32_t vireo_file_view_open(const vireo_trace_site &site, const char *path, vir
 // Whether the file kept its size while it was held (no read found it cut short, and it is
 // not shorter now); traced at site when it did not.
 bool vireo_file_view_intact(const vireo_trace_site &site, const vireo_file_view &view);
-// The seals of the view for the walk: none when it does not seal.
-vireo_seals *vireo_file_view_seals(vireo_file_view *view);

@@ -78,3 +78,12 @@ int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, u
                        static_cast<uint32_t>(next));
     }
 }
+
+int32_t vireo_firmware_walk_view(const vireo_trace_site &site, vireo_file_view *view,
+                                 const char *refused, const vireo_image_fits &fits,
+                                 vireo_walk_result *found)
+{
+    const bool fit = vireo_firmware_walk(site, view->data, view->size, refused, fits, found,
+                                         view->sealed ? &view->seals : nullptr) == 0;
+    return vireo_file_view_intact(site, *view) && fit ? 0 : -1;
+}

@@ -6,6 +6,7 @@
 #include "firmware/vireo_firmware_header.h"
 #include "firmware/vireo_firmware_seal.h"
 #include "firmware/vireo_firmware_up_ptn_table.h"
+#include "firmware/vireo_firmware_view.h"
 
 #include <cstdint>
 #include <functional>
@@ -35,3 +36,9 @@ using vireo_image_fits =
 int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, uint32_t size,
                             const char *refused, const vireo_image_fits &fits,
                             vireo_walk_result *found, vireo_seals *seals = nullptr);
+
+// The walk over a held file, proving its reads against the view's seals when it seals. A
+// file cut short while it was walked is -1 too, said so at site, whatever the walk found.
+int32_t vireo_firmware_walk_view(const vireo_trace_site &site, vireo_file_view *view,
+                                 const char *refused, const vireo_image_fits &fits,
+                                 vireo_walk_result *found);

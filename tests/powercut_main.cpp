@@ -273,18 +273,20 @@ bool sweep(const std::string &name, bool list)
 
 int main(int argc, char **argv)
 {
+    const std::vector<std::string> known = upgrade_road_names();
     std::vector<std::string> roads(argv + 1, argv + argc);
     const bool list = !roads.empty() && roads[0] == "--list";
     if (list)
         roads.erase(roads.begin());
     if (roads.empty())
-        roads = upgrade_road_names();
+        roads = known;
     int passed = 0, failed = 0;
     for (const std::string &road : roads) {
-        const std::vector<std::string> known = upgrade_road_names();
         if (std::find(known.begin(), known.end(), road) == known.end()) {
-            fprintf(stderr, "unknown road: %s (roads: raw-moves raw raw-ubi ubi rollback)\n",
-                    road.c_str());
+            std::string names;
+            for (const std::string &name : known)
+                names += " " + name;
+            fprintf(stderr, "unknown road: %s (roads:%s)\n", road.c_str(), names.c_str());
             return 2;
         }
         (sweep(road, list) ? passed : failed)++;

@@ -128,16 +128,6 @@ std::string pattern(size_t n, int seed)
     return s;
 }
 
-// The RssAnon of a running process in KiB, or 0 when it cannot be read.
-static long anon_kb(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("RssAnon:", 0) == 0)
-            return atol(line.c_str() + 8);
-    return 0;
-}
-
 run_result run_program(const std::string &program, const std::vector<std::string> &args,
                        const std::vector<std::string> &env, bool watch_memory)
 {
@@ -163,28 +153,13 @@ run_result run_program(const std::string &program, const std::vector<std::string
         _exit(127);
     }
     int wstatus = 0;
+    waitpid(pid, &wstatus, 0);
+    // What the tests' preloaded library saw from inside the program, when it was loaded.
     long peak = 0;
-    if (watch_memory) {
-        // Counted from the exec on: before it the child is a copy of this process.
-        char *real = realpath(program.c_str(), nullptr);
-        const std::string exe = real ? real : program;
-        free(real);
-        const std::string link = "/proc/" + std::to_string(pid) + "/exe";
-        char now[4096];
-        while (waitpid(pid, &wstatus, WNOHANG) == 0) {
-            const ssize_t n = readlink(link.c_str(), now, sizeof(now) - 1);
-            if (n > 0 && std::string(now, static_cast<size_t>(n)) == exe)
-                peak = std::max(peak, anon_kb(pid));
-            usleep(200);
-        }
-        // What the tests' preloaded library saw from inside the program, when it was loaded.
-        std::istringstream seen(read_file(dir.join("anon")));
-        for (long who = 0, kb = 0; seen >> who >> kb;)
-            if (who == pid)
-                peak = std::max(peak, kb);
-    } else {
-        waitpid(pid, &wstatus, 0);
-    }
+    std::istringstream seen(watch_memory ? read_file(dir.join("anon")) : "");
+    for (long who = 0, kb = 0; seen >> who >> kb;)
+        if (who == pid)
+            peak = std::max(peak, kb);
     return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, read_file(out_path),
             read_file(err_path), peak};
 }

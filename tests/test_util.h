@@ -55,7 +55,7 @@ struct run_result {
 
 // Runs the program with the arguments (argv[0] is added), no standard input.
 // env: NAME=VALUE settings for the program only. With watch_memory, the program's private
-// memory is sampled every 0.2 ms while it runs, and at each of its reads, writes and ioctls
-// when it runs with the tests' preloaded library.
+// memory is sampled at each of its reads, writes and ioctls and at its exit, by the tests'
+// preloaded library (which env must load).
 run_result run_program(const std::string &program, const std::vector<std::string> &args,
                        const std::vector<std::string> &env = {}, bool watch_memory = false);

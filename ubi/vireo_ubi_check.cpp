@@ -104,9 +104,7 @@ int32_t vireo_ubi_find_image(const vireo_trace_site &site, uint32_t ubi_num, con
         same_software_version = false;
         return vireo_firmware_check_upgradable_ubi(ubi_num, header, table, payload) == 1;
     };
-    const bool fit = vireo_firmware_walk(site, view->data, view->size, refused, fits, found,
-                                         vireo_file_view_seals(view)) == 0;
-    return vireo_file_view_intact(site, *view) && fit ? 0 : -1;
+    return vireo_firmware_walk_view(site, view, refused, fits, found);
 }
 
 int32_t vireo_firmware_check_ubi(uint32_t ubi_num, const char *up_path)
