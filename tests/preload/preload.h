@@ -31,6 +31,11 @@ void log_line(const char *var, const char *fmt, ...) __attribute__((format(print
 int path_of(int fd, char *path, size_t size);
 /* The part of path after "<VIREO_FLASH_ROOT>/dev/", or none when it is not in the fake tree. */
 const char *fake_dev(const char *path);
+/* Whether name is prefix followed by digits (and, with pair, an underscore and more
+ * digits): "mtd3", "ubi0_5". */
+int node_named(const char *name, const char *prefix, int pair);
+/* Whether path is a flash node of any tree: ".../dev/mtd<N>", "mtdblock<N>", "ubi<D>_<V>". */
+int flash_node(const char *path);
 
 /* preload_flash.c */
 int flash_file(const char *path);
@@ -47,8 +52,6 @@ void ubi_closed(int fd);
 
 /* preload_cut.c */
 enum { CUT_NONE = 0, CUT_AFTER, CUT_TEAR };
-/* Whether path is a flash node of any tree: ".../dev/mtd<N>", "mtdblock<N>", "ubi<D>_<V>". */
-int flash_node(const char *path);
 /* Counts a flash-changing operation; kills the process when it is the one to cut before.
  * CUT_AFTER: cut once it is done; CUT_TEAR (tearable writes only): cut once half is done. */
 int cut_point(const char *kind, const char *what, int tearable);

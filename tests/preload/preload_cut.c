@@ -48,35 +48,6 @@ static void meddle(void)
     }
 }
 
-/* Whether name, after its last "/dev/", is prefix followed by digits (and, with pair, an
- * underscore and more digits). */
-static int node_named(const char *name, const char *prefix, int pair)
-{
-    const size_t n = strlen(prefix);
-    if (strncmp(name, prefix, n) != 0)
-        return 0;
-    const char *p = name + n;
-    const size_t digits = strspn(p, "0123456789");
-    if (!digits)
-        return 0;
-    p += digits;
-    if (pair) {
-        if (*p++ != '_' || !strspn(p, "0123456789"))
-            return 0;
-        p += strspn(p, "0123456789");
-    }
-    return *p == '\0';
-}
-
-int flash_node(const char *path)
-{
-    const char *dev = NULL;
-    for (const char *p = strstr(path, "/dev/"); p; p = strstr(p + 1, "/dev/"))
-        dev = p + 5;
-    return dev && (node_named(dev, "mtd", 0) || node_named(dev, "mtdblock", 0) ||
-                   node_named(dev, "ubi", 1));
-}
-
 void cut_now(void)
 {
     kill(getpid(), SIGKILL);

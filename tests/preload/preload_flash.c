@@ -28,9 +28,7 @@
 int flash_file(const char *path)
 {
     const char *dev = fake_dev(path);
-    if (!dev || strncmp(dev, "mtd", 3) != 0)
-        return 0;
-    return dev[3] && strspn(dev + 3, "0123456789") == strlen(dev + 3);
+    return dev && node_named(dev, "mtd", 0);
 }
 
 static int bad_block(const char *path, unsigned long offset)

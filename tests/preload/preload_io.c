@@ -112,6 +112,33 @@ const char *fake_dev(const char *path)
     return path + n + 5;
 }
 
+int node_named(const char *name, const char *prefix, int pair)
+{
+    const size_t n = strlen(prefix);
+    if (strncmp(name, prefix, n) != 0)
+        return 0;
+    const char *p = name + n;
+    const size_t digits = strspn(p, "0123456789");
+    if (!digits)
+        return 0;
+    p += digits;
+    if (pair) {
+        if (*p++ != '_' || !strspn(p, "0123456789"))
+            return 0;
+        p += strspn(p, "0123456789");
+    }
+    return *p == '\0';
+}
+
+int flash_node(const char *path)
+{
+    const char *dev = NULL;
+    for (const char *p = strstr(path, "/dev/"); p; p = strstr(p + 1, "/dev/"))
+        dev = p + 5;
+    return dev && (node_named(dev, "mtd", 0) || node_named(dev, "mtdblock", 0) ||
+                   node_named(dev, "ubi", 1));
+}
+
 /* A write as the device behind path takes it. */
 static ssize_t device_write(int fd, const char *path, const void *buf, size_t count, off_t at,
                             int positioned)
