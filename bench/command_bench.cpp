@@ -3,7 +3,6 @@
 // the same run: one hash pass over the file is the floor of a check. The file is measured
 // where a router keeps it, in tmpfs, and on disk. Prints the median wall time, the ratio,
 // the peak resident set (a mapped file's pages included) and the largest private memory.
-#include "pack_fixture.h"
 #include "raw_device.h"
 
 #include <algorithm>

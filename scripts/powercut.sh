@@ -4,8 +4,8 @@
 #
 #   bash scripts/powercut.sh [ROAD...]      roads: raw-moves raw raw-ubi ubi rollback
 #
-# Builds the plain tree (build/) when needed and runs tests/powercut_main.cpp's sweep, two
-# roads at a time: for each road the upgrade runs once uncut to count its flash-changing
+# Builds the plain tree (build/) when needed and runs the simulator's sweep
+# (sim/powercut_main.cpp, sim/README.md), two roads at a time: for each road the upgrade runs once uncut to count its flash-changing
 # operations (writes to flash nodes, erases, volume-update starts, shell commands), then is
 # killed before, after and half-way through each of them on a fake device whose flash behaves
 # as NOR flash and whose UBI volumes as UBI volumes. One line per road, then
@@ -15,14 +15,14 @@ cd "$(dirname "$0")/.."
 
 roads=("$@")
 [ ${#roads[@]} -gt 0 ] || roads=(raw-moves raw raw-ubi ubi rollback)
-if [ ! -x build/tests/vireo_powercut ] || [ "${VIREO_POWERCUT_BUILD:-1}" = 1 ]; then
+if [ ! -x build/sim/vireo_powercut ] || [ "${VIREO_POWERCUT_BUILD:-1}" = 1 ]; then
     bash scripts/build.sh build >/dev/null
 fi
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 t0=$SECONDS
 printf '%s\n' "${roads[@]}" |
-    xargs -P 2 -I{} sh -c 'build/tests/vireo_powercut "$1" >"$2/$1.log" 2>&1 || true' sh {} "$out"
+    xargs -P 2 -I{} sh -c 'build/sim/vireo_powercut "$1" >"$2/$1.log" 2>&1 || true' sh {} "$out"
 passed=0
 failed=0
 for road in "${roads[@]}"; do

@@ -3,7 +3,7 @@
 # Installs what is missing, builds the plain and the sanitizer trees, checks the
 # formatting, runs every test in both trees, the power-cut sweep of the upgrade roads and the
 # scenarios of the virtual router, then the aarch64 cross build's tests, the install and
-# packaging checks and the libuci tests.
+# packaging checks and the libuci tests, and prints the test share.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -34,6 +34,9 @@ echo "== the settings code on the real libuci (scripts/libuci-test.sh) =="
 bash scripts/libuci-test.sh | tee -a "$log" || status=1
 echo "== every parser of outside bytes under libFuzzer, a short smoke run (scripts/fuzz.sh) =="
 bash scripts/fuzz.sh 10 | tee -a "$log" || status=1
+
+# The size of the tests against the code.
+bash scripts/test-share.sh
 
 # One closing line for all of them.
 awk '/tests failed out of/ { total += $NF; failed += $(NF-4) }

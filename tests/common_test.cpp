@@ -6,6 +6,7 @@
 #include "common/vireo_file.h"
 
 #include "fake_root.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 

@@ -5,6 +5,7 @@
 
 #include "common/vireo_file.h"
 #include "fake_root.h"
+#include "test_util.h"
 
 #include <cerrno>
 #include <gtest/gtest.h>

@@ -5,22 +5,6 @@
 
 #include <cstring>
 
-std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manifest,
-                                   std::string *error)
-{
-    const std::string path = dir.write("manifest.json", manifest);
-    run_result r = run_program(VIREO_PACK_TOOL,
-                               {"build", path, "--key",
-                                std::string(VIREO_KEY_DIR) + "/vireo_test_key_DO_NOT_SHIP.pem",
-                                "-o", dir.join("up.bin")});
-    if (error)
-        *error = r.err;
-    if (r.status != 0)
-        return {};
-    const std::string data = read_file(dir.join("up.bin"));
-    return std::vector<uint8_t>(data.begin(), data.end());
-}
-
 void set_entry_size(std::vector<uint8_t> &file, const std::string &name, const std::string &hex)
 {
     const char *list = reinterpret_cast<const char *>(file.data()) + FIRMWARE_HEADER_SIZE;

@@ -1,18 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Firmware files made by vireo_firmware_pack with the test key, for the tests.
+// Firmware files for the tests: edits of packed files and a two-image manifest.
 #pragma once
 
 #include "firmware/vireo_firmware_header.h"
+#include "raw_device.h"
 #include "test_util.h"
 
 #include <cstdint>
 #include <string>
 #include <vector>
-
-// Writes the manifest into dir, packs it and returns the file's bytes; the file itself
-// is dir/up.bin. Empty (with the tool's message in *error) when packing failed.
-std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manifest,
-                                   std::string *error = nullptr);
 
 // Sets the size of the first entry named name in the partition list of the image at
 // offset 0 to hex (as many characters as it has now); the file then needs a new signature.

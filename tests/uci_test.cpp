@@ -5,6 +5,7 @@
 #include "ubi/vireo_ubi.h"
 
 #include "fake_root.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 

@@ -39,14 +39,15 @@ rig_build_tool()
             echo "$head" >"$src/.rig-head"
         fi
     fi
-    cmake -S "$src" -B "$tree" -G Ninja -DVIREO_BUILD_TESTS=OFF -DVIREO_BUILD_BENCH=OFF >/dev/null
-    cmake --build "$tree" -j2 >/dev/null
+    cmake -S "$src" -B "$tree" -G Ninja -DVIREO_BUILD_TESTS=OFF -DVIREO_BUILD_BENCH=OFF \
+        -DVIREO_BUILD_SIM=ON >/dev/null
+    # The simulator's preloaded library (sim/), for the power cuts the router makes at a chosen
+    # flash operation of the tool.
+    cmake --build "$tree" -j2 --target vireo_firmware_upgrade vireo_firmware_pack \
+        vireo_flash_preload >/dev/null
     RIG_TOOL=$tree/vireo_firmware_upgrade
     RIG_PACK=$tree/vireo_firmware_pack
-    # The tests' preloaded library, for the power cuts the router makes at a chosen flash
-    # operation of the tool.
-    RIG_PRELOAD=$tree/vireo_flash_preload.so
-    cc -shared -fPIC -O2 -o "$RIG_PRELOAD" "$src"/tests/preload/*.c -ldl
+    RIG_PRELOAD=$tree/sim/libvireo_flash_preload.so
 }
 
 # The kernel package that linux-image-amd64 depends on, as apt knows it.

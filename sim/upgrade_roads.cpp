@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "upgrade_roads.h"
 
-#include "pack_fixture.h"
-
 #include <cstdlib>
 #include <stdexcept>
 #include <sys/stat.h>

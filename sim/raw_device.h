@@ -55,6 +55,11 @@ struct fw_image {
     std::vector<std::pair<std::string, std::string>> parts;             // name, content
 };
 
+// Writes the manifest into dir, packs it with the test key and returns the file's bytes; the
+// file itself is dir/up.bin. Empty (with the pack tool's message in *error) when packing
+// failed.
+std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manifest,
+                                   std::string *error = nullptr);
 // The manifest of these images; the part contents are written into dir.
 std::string fw_manifest(const temp_dir &dir, const std::vector<fw_image> &images);
 // Packs the images into dir/up.bin; returns the bytes (throws when packing fails).

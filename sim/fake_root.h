@@ -3,7 +3,7 @@
 // point into it while the object lives.
 #pragma once
 
-#include "test_util.h"
+#include "sim_util.h"
 
 #include <cstdint>
 #include <map>

@@ -11,6 +11,7 @@
 // operations, as the uncut run counts them.
 #include "upgrade_roads.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>

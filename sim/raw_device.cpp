@@ -2,7 +2,6 @@
 #include "raw_device.h"
 
 #include "common/vireo_common.h"
-#include "pack_fixture.h"
 #include "ptn/vireo_extra_para.h"
 
 #include <stdexcept>
@@ -89,6 +88,22 @@ std::string fw_manifest(const temp_dir &dir, const std::vector<fw_image> &images
         s += "]}";
     }
     return s + "]}";
+}
+
+std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manifest,
+                                   std::string *error)
+{
+    const std::string path = dir.write("manifest.json", manifest);
+    run_result r = run_program(VIREO_PACK_TOOL,
+                               {"build", path, "--key",
+                                std::string(VIREO_KEY_DIR) + "/vireo_test_key_DO_NOT_SHIP.pem",
+                                "-o", dir.join("up.bin")});
+    if (error)
+        *error = r.err;
+    if (r.status != 0)
+        return {};
+    const std::string data = read_file(dir.join("up.bin"));
+    return std::vector<uint8_t>(data.begin(), data.end());
 }
 
 std::vector<uint8_t> pack_images(const temp_dir &dir, const std::vector<fw_image> &images)
