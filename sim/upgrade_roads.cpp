@@ -37,6 +37,17 @@ std::string volume_record(const std::string &doc)
     return with_content_header(doc + '\0');
 }
 
+// The layouts below are in 64 KiB units; a road is built at a scale (1 for flash of 64 KiB
+// erase blocks, 2 for 128 KiB), which multiplies every base and size but not the contents.
+std::vector<raw_ptn> at_scale(std::vector<raw_ptn> ptns, uint32_t scale)
+{
+    for (raw_ptn &p : ptns) {
+        p.base *= scale;
+        p.size *= scale;
+    }
+    return ptns;
+}
+
 std::vector<raw_ptn> raw_layout()
 {
     return {{"partition-table", 0x00000, 0x10000, ""},
@@ -53,18 +64,30 @@ byte_range whole(const std::string &file)
     return {file, 0, 0};
 }
 
-upgrade_road raw_road(const std::string &name, std::vector<raw_ptn> ptns, const fw_image &image)
+// The MTD node of the partition named name in a raw device's list.
+std::string mtd_of(const std::vector<raw_ptn> &ptns, const std::string &name)
+{
+    for (size_t i = 0; i < ptns.size(); i++)
+        if (ptns[i].name == name)
+            return "/dev/mtd" + std::to_string(i + 1);
+    throw std::invalid_argument("no partition named " + name);
+}
+
+upgrade_road raw_road(const std::string &name, std::vector<raw_ptn> ptns, uint32_t disk,
+                      const fw_image &image)
 {
     upgrade_road road;
     road.name = name;
-    auto dev = std::make_shared<raw_device>(std::move(ptns));
+    auto dev = std::make_shared<raw_device>(std::move(ptns), disk);
     pack_images(*dev, {image});
     road.args = {"-U", "-u", dev->join("up.bin")};
+    road.layout = dev->ptns;
+    road.disk_size = disk;
     road.device = std::move(dev);
     return road;
 }
 
-upgrade_road raw_moves()
+upgrade_road raw_moves(uint32_t k)
 {
     std::vector<raw_ptn> ptns = raw_layout();
     ptns.push_back({"data", 0x90000, 0x10000, pattern(0x10000, 23)});
@@ -76,25 +99,25 @@ upgrade_road raw_moves()
     next.push_back({"data", 0xB0000, 0x10000, ""});
     next.push_back({"cfg", 0xC0000, 0x10000, ""});
     next.push_back({"radio", 0xD0000, 0x10000, ""});
-    upgrade_road road = raw_road("raw-moves", ptns,
+    upgrade_road road = raw_road("raw-moves", at_scale(ptns, k), 0x100000 * k,
                                  {kFits,
-                                  table_json(next, 0x100000),
+                                  table_json(at_scale(next, k), 0x100000 * k),
                                   fwinfo_json("1.3.0 Build 2 Rel.1"),
                                   {{"kernel", pattern(0x5000, 26)}}});
     road.carried = {whole("/dev/mtd1"), whole("/dev/mtd4"), whole("/dev/mtd5"), whole("/dev/mtd6")};
-    road.user = {{"/dev/mtd0", 0x90000, 0x40000}};
+    road.user = {{"/dev/mtd0", 0x90000 * k, 0x40000 * k}};
     road.flag = "/dev/mtd3";
     road.flag_done = flag_doc(true, 0);
     return road;
 }
 
-upgrade_road raw_same_layout()
+upgrade_road raw_same_layout(uint32_t k)
 {
-    const std::vector<raw_ptn> ptns = raw_layout();
+    const std::vector<raw_ptn> ptns = at_scale(raw_layout(), k);
     upgrade_road road =
-        raw_road("raw", ptns,
+        raw_road("raw", ptns, 0x100000 * k,
                  {kFits,
-                  table_json(ptns, 0x100000),
+                  table_json(ptns, 0x100000 * k),
                   fwinfo_json("1.3.0 Build 2 Rel.1"),
                   {{"kernel", pattern(0x5000, 27)}, {"rootfs", pattern(0x1801, 28)}}});
     road.carried = {whole("/dev/mtd4"), whole("/dev/mtd5"), whole("/dev/mtd6"), whole("/dev/mtd7")};
@@ -103,32 +126,50 @@ upgrade_road raw_same_layout()
     return road;
 }
 
-upgrade_road raw_ubi()
+// Volume vol of UBI device dev, on the fake tree and in the road's list.
+void add_volume(upgrade_road &road, int dev, int vol, const std::string &name,
+                const std::string &content)
 {
-    // No "extra-para-ubi" to attach: the flag volumes are MTD partitions of their names.
-    std::vector<raw_ptn> ptns = raw_layout();
-    ptns.resize(5);
-    ptns[2].content = volume_record(factory_flag(2));
-    ptns.push_back({"extra-para.b", 0x50000, 0x10000, volume_record(factory_flag(1))});
-    ptns.push_back({"firmware-info.b", 0x60000, 0x10000, ""});
-    ptns.push_back({"ubi", 0x80000, 0x20000, pattern(0x20000, 29)});
-    ptns.push_back({"ubi.b", 0xA0000, 0x20000, pattern(0x18000, 30)});
+    road.device->ubi_volume(dev, vol, name, content);
+    road.volumes.push_back({dev, vol, name, content});
+}
+
+upgrade_road raw_ubi(uint32_t k)
+{
+    // The flag volumes live on UBI device 4, which the upgrade attaches from "extra-para-ubi"
+    // (attached already on the fake tree, whose "ubiattach" only logs).
+    const std::vector<raw_ptn> ptns =
+        at_scale({{"partition-table", 0x00000, 0x10000, ""},
+                  {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
+                  {"support-list", 0x20000, 0x10000, ""},
+                  {"firmware-info", 0x30000, 0x10000, ""},
+                  {"firmware-info.b", 0x40000, 0x10000, ""},
+                  {"ubi", 0x80000, 0x20000, pattern(0x20000, 29)},
+                  {"ubi.b", 0xA0000, 0x20000, pattern(0x18000, 30)},
+                  {"extra-para-ubi", 0x100000, 0x80000, ""}},
+                 k);
     // The primary scores higher: "ubi" and "firmware-info" go to their ".b" twins.
-    upgrade_road road = raw_road("raw-ubi", ptns,
+    upgrade_road road = raw_road("raw-ubi", ptns, 0x200000 * k,
                                  {kFits,
-                                  table_json(ptns, 0x100000),
+                                  table_json(ptns, 0x200000 * k),
                                   fwinfo_json("1.3.0 Build 2 Rel.1"),
                                   {{"ubi", pattern(0x6000, 31)}}});
-    road.carried = {whole("/dev/mtd4"), whole("/dev/mtd7"), whole("/dev/mtd9")};
-    road.flag = "/dev/mtd6";
+    add_volume(road, 4, 0, "extra-para", padded(volume_record(factory_flag(2)), 0x4000));
+    add_volume(road, 4, 1, "extra-para.b", padded(volume_record(factory_flag(1)), 0x4000));
+    road.ubi_homes = {{4, "extra-para-ubi"}};
+    road.carried = {whole(mtd_of(ptns, "support-list")), whole(mtd_of(ptns, "firmware-info.b")),
+                    whole(mtd_of(ptns, "ubi.b"))};
+    road.flag = "/dev/ubi4_1";
     road.flag_done = flag_doc(true, 3) + '\0';
     return road;
 }
 
-// UBI device 0 with the volumes of a dual-image device, each file its reserved room.
-std::shared_ptr<fake_root> ubi_volumes()
+// UBI device 0 with the volumes of a dual-image device, each file its reserved room; on a
+// router's flash the device fills the MTD partition "ubi".
+upgrade_road ubi_volumes(uint32_t k)
 {
-    auto dev = std::make_shared<fake_root>();
+    upgrade_road road;
+    road.device = std::make_shared<fake_root>();
     const std::pair<const char *, std::string> volumes[] = {
         {"device-info", with_content_header(kDevice)},
         {"firmware-info", with_content_header(fwinfo_json("1.4.0 Build 1 Rel.1"))},
@@ -146,16 +187,21 @@ std::shared_ptr<fake_root> ubi_volumes()
     int vol = 0;
     for (const auto &[name, content] : volumes) {
         const size_t room = std::string(name).rfind("kernel", 0) == 0 ? 0x8000 : 0x4000;
-        dev->ubi_volume(0, vol++, name, padded(content, room));
+        add_volume(road, 0, vol++, name, padded(content, room));
     }
-    return dev;
+    std::vector<raw_ptn> layout =
+        at_scale({{"partition-table", 0x00000, 0x10000, ""}, {"ubi", 0x10000, 0x1F0000, ""}}, k);
+    layout[0].content = with_content_header(table_json(layout, 0x200000 * k));
+    road.layout = layout;
+    road.disk_size = 0x200000 * k;
+    road.ubi_homes = {{0, "ubi"}};
+    return road;
 }
 
-upgrade_road ubi_mode()
+upgrade_road ubi_mode(uint32_t k)
 {
-    upgrade_road road;
+    upgrade_road road = ubi_volumes(k);
     road.name = "ubi";
-    road.device = ubi_volumes();
     const std::string record = with_content_header(fwinfo_json("1.4.1 Build 1 Rel.1"));
     pack_images(
         *road.device,
@@ -168,11 +214,10 @@ upgrade_road ubi_mode()
     return road;
 }
 
-upgrade_road rollback()
+upgrade_road rollback(uint32_t k)
 {
-    upgrade_road road;
+    upgrade_road road = ubi_volumes(k);
     road.name = "rollback";
-    road.device = ubi_volumes();
     road.args = {"-r", "-p", "0"};
     road.flag = "/dev/ubi0_5";
     road.flag_done = flag_doc(true, 3) + '\0';
@@ -186,13 +231,13 @@ std::vector<std::string> upgrade_road_names()
     return {"raw-moves", "raw", "raw-ubi", "ubi", "rollback"};
 }
 
-upgrade_road make_upgrade_road(const std::string &name)
+upgrade_road make_upgrade_road(const std::string &name, uint32_t scale)
 {
-    upgrade_road road = name == "raw-moves"  ? raw_moves()
-                        : name == "raw"      ? raw_same_layout()
-                        : name == "raw-ubi"  ? raw_ubi()
-                        : name == "ubi"      ? ubi_mode()
-                        : name == "rollback" ? rollback()
+    upgrade_road road = name == "raw-moves"  ? raw_moves(scale)
+                        : name == "raw"      ? raw_same_layout(scale)
+                        : name == "raw-ubi"  ? raw_ubi(scale)
+                        : name == "ubi"      ? ubi_mode(scale)
+                        : name == "rollback" ? rollback(scale)
                                              : throw std::invalid_argument("no road named " + name);
     install_stand_ins(*road.device);
     return road;

@@ -18,8 +18,24 @@ struct byte_range {
     size_t len = 0;
 };
 
+// A volume of one of a road's UBI devices, its content padded to its reserved room.
+struct road_volume {
+    int dev;
+    int vol;
+    std::string name;
+    std::string content;
+};
+
 struct upgrade_road {
     std::string name;
+    // The flash as a router's kernel holds it: the MTD partitions at their bases with their
+    // contents (a raw device's own; where a road has none of its own, the partition-table and
+    // the partitions that hold its UBI devices), the flash's size, each UBI device's volumes
+    // and the partition each device lives in.
+    std::vector<raw_ptn> layout;
+    uint32_t disk_size = 0;
+    std::vector<road_volume> volumes;
+    std::vector<std::pair<int, std::string>> ubi_homes;
     // Holds the firmware file (up.bin) too; shared, so that a raw_device is deleted as one.
     std::shared_ptr<fake_root> device;
     std::vector<std::string> args;   // of the tool, after the root
@@ -30,10 +46,12 @@ struct upgrade_road {
 };
 
 // The roads by name: "raw-moves" (a layout change with overlapping, growing and new
-// partitions), "raw" (the same layout), "raw-ubi" (an image carrying "ubi"), "ubi" (the UBI
-// work mode on emulated volumes, user data copied) and "rollback".
+// partitions), "raw" (the same layout), "raw-ubi" (an image carrying "ubi", the flag volumes
+// on UBI device 4 of "extra-para-ubi"), "ubi" (the UBI work mode, user data copied) and
+// "rollback". Every base and size of a layout is a multiple of 64 KiB times scale, so that
+// scale 2 fits flash of 128 KiB erase blocks; the contents keep their sizes.
 std::vector<std::string> upgrade_road_names();
-upgrade_road make_upgrade_road(const std::string &name);
+upgrade_road make_upgrade_road(const std::string &name, uint32_t scale = 1);
 
 // The environment of a tool run on root: the stand-ins first on the PATH, the preloaded
 // library and its flash emulation, and the stand-ins' log (root/calls.log).
