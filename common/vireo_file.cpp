@@ -304,7 +304,8 @@ int32_t vireo_ubi_write_stream(const char *path, int32_t len, uint32_t max_chunk
         VIREO_TRACE("cannot open libubi\n");
         return -1;
     }
-    const int kind = ubi_probe_node(lib.get(), path);
+    int dev_num, vol_id;
+    const int kind = ubi_probe_volume(lib.get(), path, &dev_num, &vol_id);
     if (kind == 1) {
         VIREO_TRACE("\"%s\" is an UBI device node, not an UBI volume node\n", path);
         return -1;
@@ -321,7 +322,15 @@ int32_t vireo_ubi_write_stream(const char *path, int32_t len, uint32_t max_chunk
         VIREO_TRACE("cannot open UBI volume \"%s\"\n", path);
         return -1;
     }
-    if (ubi_update_start(lib.get(), vol.fd, len)) {
+    // A volume of one eraseblock is changed atomically: a power cut leaves the old bytes or
+    // the new ones, where an interrupted update leaves the volume damaged. The bytes read
+    // back are the same either way. A damaged volume (its reads refused) is mended by an
+    // update only, and so is any volume where the change is refused.
+    const int leb = len > 0 ? ubi_volume_single_leb(lib.get(), dev_num, vol_id) : 0;
+    uint8_t first;
+    const bool atomic = leb > 0 && len <= leb && pread(vol.fd, &first, 1, 0) == 1 &&
+                        ubi_leb_change_start(lib.get(), vol.fd, 0, len) == 0;
+    if (!atomic && ubi_update_start(lib.get(), vol.fd, len)) {
         VIREO_TRACE("cannot start volume \"%s\" update\n", path);
         return -1;
     }

@@ -4,6 +4,7 @@
 #include "common/vireo_endian.h"
 #include "common/vireo_platform.h"
 
+#include <algorithm>
 #include <dirent.h>
 #include <unistd.h>
 
@@ -42,6 +43,11 @@ void fake_root::ubi_volume(int dev, int vol, const std::string &name, const std:
     write("sys/class/ubi/version", "1\n");
     write("sys/class/ubi/ubi" + d + "/dev", std::to_string(240 + dev) + ":0\n");
     write("sys/class/ubi/ubi" + d + "_" + v + "/name", name + "\n");
+    // Dynamic, in eraseblocks of 16 KiB (the preloaded library's FAKE_LEB).
+    const size_t lebs = std::max<size_t>(1, (content.size() + 16383) / 16384);
+    write("sys/class/ubi/ubi" + d + "_" + v + "/type", "dynamic\n");
+    write("sys/class/ubi/ubi" + d + "_" + v + "/reserved_ebs", std::to_string(lebs) + "\n");
+    write("sys/class/ubi/ubi" + d + "_" + v + "/usable_eb_size", "16384\n");
     write("dev/ubi" + d + "_" + v, content);
 }
 

@@ -254,3 +254,51 @@ TEST(UbiMode, UpgradeAndRollBackThroughVolumeUpdates)
     EXPECT_TRUE(has_trace(r.out, "Roll Back Success.")) << r.out;
     EXPECT_EQ(road.flag_done, content_of(road.device->bytes(road.flag)));
 }
+
+TEST(UbiMode, VolumesOfOneEraseblockChangeAtomically)
+{
+    // "extra-para.b" (volume 5) is rewritten by the roll-back and by the upgrade, which
+    // switches that image off first; the power goes half-way through the first write of its
+    // record. One eraseblock: the old record stays. Two: the update interrupted leaves the
+    // volume damaged. A damaged one is mended by an update (the upgrade, uncut).
+    struct cut_case {
+        const char *road;
+        size_t room;
+        bool damaged;
+        const char *cut_at;
+        const char *kind; // of the first flash operation on the volume
+        const char *left; // "old", "new" or "damaged"
+    };
+    const cut_case cases[] = {
+        {"rollback", 0x4000, false, "2", "ebch", "old"},
+        {"rollback", 0x8000, false, "2", "volup", "damaged"},
+        {"ubi", 0x4000, true, "0", "volup", "new"},
+    };
+    for (const cut_case &c : cases) {
+        upgrade_road road = make_upgrade_road(c.road);
+        fake_root &dev = *road.device;
+        const std::string old = flags(true, 1);
+        dev.ubi_volume(0, 5, "extra-para.b", padded(old, c.room));
+        if (c.damaged)
+            dev.write("dev/.ubi0_5.updating", "");
+        const std::string log = dev.join("cuts.log");
+        const run_result r = run_road(road, {std::string("VIREO_CUT_AT=") + c.cut_at,
+                                             "VIREO_CUT_MODE=tear", "VIREO_CUT_LOG=" + log});
+        const std::string what = std::string(c.road) + ", room " + std::to_string(c.room);
+        EXPECT_EQ(c.cut_at[0] == '0' ? 0 : -1, r.status) << what << r.out;
+        const std::string ops = read_file(log);
+        const size_t first = ops.find("/dev/ubi0_5");
+        ASSERT_NE(std::string::npos, first) << what << ": " << ops;
+        const size_t line = ops.rfind('\n', first) + 1; // "<n> <kind> <path>"
+        const size_t kind = ops.find(' ', line) + 1;
+        EXPECT_EQ(c.kind, ops.substr(kind, ops.find(' ', kind) - kind)) << what << ": " << ops;
+        const bool damaged = access(dev.join("dev/.ubi0_5.updating").c_str(), F_OK) == 0;
+        const std::string record = content_of(dev.bytes("/dev/ubi0_5"));
+        const std::string left = damaged                     ? "damaged"
+                                 : record == content_of(old) ? "old"
+                                 : record == road.flag_done  ? "new"
+                                                             : "other: " + record;
+        EXPECT_EQ(c.left, left) << what;
+        EXPECT_EQ(c.room, dev.bytes("/dev/ubi0_5").size()) << what;
+    }
+}

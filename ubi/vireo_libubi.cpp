@@ -15,6 +15,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 #include <memory>
+#include <string>
 #include <vector>
 
 #if __has_include(<mtd/ubi-user.h>)
@@ -22,6 +23,15 @@
 #endif
 #ifndef UBI_IOCVOLUP
 #define UBI_IOCVOLUP 0x40084F00 // _IOW('O', 0, __s64)
+#endif
+#ifndef UBI_IOCEBCH
+struct ubi_leb_change_req {
+    int32_t lnum;
+    int32_t bytes;
+    int8_t dtype;
+    int8_t padding[7];
+};
+#define UBI_IOCEBCH _IOW('O', 2, int32_t) // as the kernel's header spells it
 #endif
 
 #define PROGRAM_NAME "libubi"
@@ -318,6 +328,13 @@ static int not_ubi_node(const char *node, int major, int minor)
 
 int ubi_probe_node(libubi_t desc, const char *node)
 {
+    int dev_num, vol_id;
+    return ubi_probe_volume(desc, node, &dev_num, &vol_id);
+}
+
+int ubi_probe_volume(libubi_t desc, const char *node, int *dev_num, int *vol_id)
+{
+    *dev_num = *vol_id = -1;
     struct stat st;
     if (stat(node, &st)) {
         sys_errmsg("cannot get information about \"%s\"\n", node);
@@ -350,6 +367,7 @@ int ubi_probe_node(libubi_t desc, const char *node)
     }
     if (found < 0)
         return not_ubi_node(node, major, minor);
+    *dev_num = found;
     if (minor == 0)
         return 1;
 
@@ -359,13 +377,53 @@ int ubi_probe_node(libubi_t desc, const char *node)
     if (fd == -1)
         return not_ubi_node(node, major, minor);
     close_file(fd, file.data()); // a close failure is reported, the answer stands
+    *vol_id = minor - 1;
     return 2;
+}
+
+// One line of a volume's sysfs directory, or "" when it cannot be read.
+static std::string volume_attr(libubi_t desc, int dev_num, int vol_id, const char *name)
+{
+    std::vector<char> dir(strlen(desc->ubi_vol) + 100);
+    snprintf(dir.data(), dir.size(), desc->ubi_vol, dev_num, vol_id);
+    const std::string file = std::string(dir.data()) + "/" + name;
+    char text[SMALL_FILE_SIZE] = "";
+    FILE *f = fopen(file.c_str(), "r");
+    if (f) {
+        if (!fgets(text, sizeof(text), f))
+            text[0] = '\0';
+        fclose(f);
+    }
+    return std::string(text, strcspn(text, "\n"));
+}
+
+int ubi_volume_single_leb(libubi_t desc, int dev_num, int vol_id)
+{
+    if (volume_attr(desc, dev_num, vol_id, "type") != "dynamic" ||
+        volume_attr(desc, dev_num, vol_id, "reserved_ebs") != "1")
+        return 0;
+    const std::string size = volume_attr(desc, dev_num, vol_id, "usable_eb_size");
+    char *end = nullptr;
+    const long leb = strtol(size.c_str(), &end, 10);
+    return !size.empty() && *end == '\0' && leb > 0 && leb <= INT_MAX ? static_cast<int>(leb) : 0;
 }
 
 int ubi_update_start(libubi_t, int fd, long long bytes)
 {
     int64_t n = bytes;
     if (ioctl(fd, UBI_IOCVOLUP, &n))
+        return -1;
+    return 0;
+}
+
+int ubi_leb_change_start(libubi_t, int fd, int lnum, int bytes)
+{
+    ubi_leb_change_req req;
+    memset(&req, 0, sizeof(req));
+    req.lnum = lnum;
+    req.bytes = bytes;
+    req.dtype = 3; // "unknown": the kernel ignores it
+    if (ioctl(fd, UBI_IOCEBCH, &req))
         return -1;
     return 0;
 }

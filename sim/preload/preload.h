@@ -47,6 +47,7 @@ int ubi_fake_volume(const char *path);
 void ubi_fake_node(const char *path, struct stat *st);
 int ubi_damaged(const char *path);
 int ubi_update_start(int fd, const char *path, long long bytes);
+int ubi_change_start(int fd, const char *path, const void *request);
 ssize_t ubi_update_write(int fd, const char *path, const void *buf, size_t count);
 void ubi_closed(int fd);
 

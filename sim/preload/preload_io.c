@@ -226,13 +226,17 @@ int ioctl(int fd, unsigned long request, ...)
     if (!path_of(fd, path, sizeof(path)))
         return real_ioctl(fd, request, arg);
     int cut = CUT_NONE;
-    if (flash_node(path) && (request == MEMERASE || request == UBI_IOCVOLUP))
-        cut = cut_point(request == MEMERASE ? "erase" : "volup", path, 0);
+    if (flash_node(path) && (request == MEMERASE || request == UBI_IOCVOLUP ||
+                             request == UBI_IOCEBCH))
+        cut = cut_point(request == MEMERASE ? "erase" : request == UBI_IOCVOLUP ? "volup" : "ebch",
+                        path, 0);
     int r;
     if (flash_file(path))
         r = flash_ioctl(fd, path, request, arg);
     else if (ubi_fake_volume(path) && request == UBI_IOCVOLUP)
         r = ubi_update_start(fd, path, *(const long long *)arg);
+    else if (ubi_fake_volume(path) && request == UBI_IOCEBCH)
+        r = ubi_change_start(fd, path, arg);
     else
         r = real_ioctl(fd, request, arg);
     if (cut != CUT_NONE)

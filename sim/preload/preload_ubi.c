@@ -6,12 +6,16 @@
  * at most the file's size, the volume's reserved room): the update empties the volume (all
  * 0xFF) and leaves it damaged until that many bytes have been written; a damaged volume
  * refuses to be read (EBADF), as after an interrupted update. The damage mark is the file
- * ".<name>.updating" beside the volume. */
+ * ".<name>.updating" beside the volume. A volume's eraseblocks hold FAKE_LEB bytes each, as
+ * its sysfs says: an atomic eraseblock change (UBI_IOCEBCH) gathers the bytes written after
+ * it and replaces the block (the rest of it 0xFF) once the last one arrived, so a cut before
+ * that leaves the old block, and a damaged volume stays damaged. */
 #include "preload.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/sysmacros.h>
@@ -22,6 +26,14 @@
 
 static long long update_left[MAX_FD]; /* bytes an update still expects */
 static char updating[MAX_FD];
+
+#define FAKE_LEB 16384 /* fake_root::ubi_volume's usable_eb_size */
+struct change {
+    unsigned char *bytes; /* gathered so far */
+    size_t want, got;
+    off_t at; /* the block's offset */
+};
+static struct change changes[MAX_FD];
 
 /* Device and volume (-1 for the device node) of a fake UBI node. */
 static int fake_ubi(const char *path, int *dev, int *vol)
@@ -99,8 +111,70 @@ int ubi_update_start(int fd, const char *path, long long bytes)
     return 0;
 }
 
+static void change_end(int fd)
+{
+    free(changes[fd].bytes);
+    memset(&changes[fd], 0, sizeof(changes[fd]));
+}
+
+/* The block as the change leaves it: the bytes, then 0xFF to its end or the volume's. */
+static int change_apply(int fd)
+{
+    struct stat st;
+    const struct change *c = &changes[fd];
+    if (fstat(fd, &st) != 0)
+        return -1;
+    const off_t end = c->at + FAKE_LEB < st.st_size ? c->at + FAKE_LEB : st.st_size;
+    unsigned char *block = malloc((size_t)(end - c->at));
+    if (!block)
+        return -1;
+    memset(block, 0xFF, (size_t)(end - c->at));
+    memcpy(block, c->bytes, c->want);
+    const ssize_t r = real_pwrite(fd, block, (size_t)(end - c->at), c->at);
+    free(block);
+    return r == end - c->at ? 0 : -1;
+}
+
+int ubi_change_start(int fd, const char *path, const void *request)
+{
+    (void)path;
+    struct {
+        int32_t lnum, bytes;
+    } req;
+    memcpy(&req, request, sizeof(req));
+    struct stat st;
+    if (fd < 0 || fd >= MAX_FD || fstat(fd, &st) != 0 || req.lnum < 0 || req.bytes < 0 ||
+        req.bytes > FAKE_LEB || (off_t)req.lnum * FAKE_LEB + req.bytes > st.st_size) {
+        errno = EINVAL;
+        return -1;
+    }
+    change_end(fd);
+    changes[fd].bytes = malloc(req.bytes ? (size_t)req.bytes : 1);
+    changes[fd].want = (size_t)req.bytes;
+    changes[fd].at = (off_t)req.lnum * FAKE_LEB;
+    if (req.bytes == 0) {
+        const int r = change_apply(fd);
+        change_end(fd);
+        return r;
+    }
+    return 0;
+}
+
 ssize_t ubi_update_write(int fd, const char *path, const void *buf, size_t count)
 {
+    if (fd >= 0 && fd < MAX_FD && changes[fd].bytes) {
+        struct change *c = &changes[fd];
+        const size_t n = count < c->want - c->got ? count : c->want - c->got;
+        memcpy(c->bytes + c->got, buf, n);
+        c->got += n;
+        if (c->got == c->want) {
+            const int r = change_apply(fd);
+            change_end(fd);
+            if (r != 0)
+                return -1;
+        }
+        return (ssize_t)n;
+    }
     if (fd < 0 || fd >= MAX_FD || !updating[fd]) {
         errno = EPERM;
         return -1;
@@ -116,6 +190,8 @@ ssize_t ubi_update_write(int fd, const char *path, const void *buf, size_t count
 
 void ubi_closed(int fd)
 {
-    if (fd >= 0 && fd < MAX_FD)
+    if (fd >= 0 && fd < MAX_FD) {
         updating[fd] = 0;
+        change_end(fd); /* an unfinished change is dropped, as the kernel drops it */
+    }
 }
