@@ -18,10 +18,13 @@ fake_root::~fake_root()
     vireo_platform_set_root(nullptr);
 }
 
-void fake_root::mtd(int i, const std::string &name, size_t size, const std::string &content)
+void fake_root::mtd(int i, const std::string &name, size_t size, const std::string &content,
+                    long base)
 {
     const std::string n = std::to_string(i);
     write("sys/class/mtd/mtd" + n + "/name", name + "\n");
+    if (base >= 0)
+        write("sys/class/mtd/mtd" + n + "/offset", std::to_string(base) + "\n");
     std::string bytes = content;
     if (bytes.size() < size)
         bytes.resize(size, '\xff');

@@ -13,8 +13,11 @@ struct fake_root : temp_dir {
     fake_root();
     ~fake_root();
     // MTD partition i: its sysfs name file, /dev/mtd<i> holding content padded with 0xFF
-    // to size bytes (at least the content), and /dev/mtdblock<i>, the same bytes.
-    void mtd(int i, const std::string &name, size_t size = 0, const std::string &content = "");
+    // to size bytes (at least the content), and /dev/mtdblock<i>, the same bytes. With a
+    // base, sysfs gives its offset in the whole flash (/dev/mtd0), and the preloaded library
+    // keeps the two views of those bytes one, as the kernel's partitions are.
+    void mtd(int i, const std::string &name, size_t size = 0, const std::string &content = "",
+             long base = -1);
     // Volume vol of UBI device dev: its sysfs files and /dev/ubi<dev>_<vol>, holding content
     // (a plain file here; a UBI volume of content's size for a tool run under the preloaded
     // library).

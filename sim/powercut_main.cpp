@@ -76,8 +76,32 @@ struct road_sweep {
     {
         for (const auto *set : {&road.carried, &road.user})
             for (const byte_range &range : *set)
-                target[file_name(range.file)].push_back({range.offset, range.len});
-        target[file_name(road.flag)].push_back({0, 0});
+                add_target(range);
+        add_target({road.flag, 0, 0});
+    }
+
+    // A range of the road's, in both views of the flash: a partition's file and the whole
+    // flash (/dev/mtd0), which the preloaded library keeps alike.
+    void add_target(const byte_range &range)
+    {
+        target[file_name(range.file)].push_back({range.offset, range.len});
+        unsigned n = 0;
+        if (sscanf(range.file.c_str(), "/dev/mtd%u", &n) != 1 || n > road.layout.size())
+            return;
+        if (n > 0) {
+            const raw_ptn &p = road.layout[n - 1];
+            target["mtd0"].push_back(
+                {p.base + range.offset, range.len ? range.len : p.size - range.offset});
+            return;
+        }
+        const size_t end = range.len ? range.offset + range.len : road.disk_size;
+        for (size_t i = 0; i < road.layout.size(); i++) {
+            const raw_ptn &p = road.layout[i];
+            const size_t lo = std::max<size_t>(range.offset, p.base);
+            const size_t hi = std::min<size_t>(end, size_t{p.base} + p.size);
+            if (lo < hi)
+                target["mtd" + std::to_string(i + 1)].push_back({lo - p.base, hi - lo});
+        }
     }
 
     static size_t end_of(const std::pair<size_t, size_t> &range, const std::string &bytes)

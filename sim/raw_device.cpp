@@ -42,7 +42,7 @@ raw_device::raw_device(std::vector<raw_ptn> list, uint32_t disk)
     std::string flash(disk_size, '\xff');
     for (size_t i = 0; i < ptns.size(); i++) {
         const raw_ptn &p = ptns[i];
-        mtd(static_cast<int>(i) + 1, p.name, p.size, p.content);
+        mtd(static_cast<int>(i) + 1, p.name, p.size, p.content, static_cast<long>(p.base));
         flash.replace(p.base, p.content.size(), p.content);
     }
     mtd(0, "flash", disk_size, flash);

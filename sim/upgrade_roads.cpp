@@ -10,7 +10,8 @@ namespace
 
 // VIREO_MTD_REWRITE: a file that another process changes (a byte 256 from its end) while
 // the tool waits for an erase, after its verification. VIREO_MTD_NO_ERASE: nothing erased.
-// The stand-in erases past the flash emulation, as the router's utility erases the chip.
+// The stand-in erases past the flash emulation, as the router's utility erases the chip, in
+// the partition's file and in the whole flash's.
 const char kMtd[] = R"SH(#!/bin/sh
 echo "mtd $*" >> "$VIREO_TEST_LOG"
 f="$VIREO_MTD_REWRITE"
@@ -20,6 +21,9 @@ for n in "$VIREO_TEST_ROOT"/sys/class/mtd/mtd*/name; do
   [ "$(cat "$n")" = "$2" ] || continue
   d=${n%/name}; f="$VIREO_TEST_ROOT/dev/${d##*/}"
   head -c "$(stat -c %s "$f")" /dev/zero | tr '\0' '\377' | LD_PRELOAD= dd of="$f" conv=notrunc status=none
+  [ -f "$d/offset" ] || continue
+  head -c "$(stat -c %s "$f")" /dev/zero | tr '\0' '\377' |
+    LD_PRELOAD= dd of="$VIREO_TEST_ROOT/dev/mtd0" bs=4096 seek="$(cat "$d/offset")" oflag=seek_bytes conv=notrunc status=none
 done
 )SH";
 const char kLogOnly[] = "#!/bin/sh\necho \"$(basename \"$0\") $*\" >> \"$VIREO_TEST_LOG\"\n";

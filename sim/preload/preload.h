@@ -41,6 +41,9 @@ int flash_node(const char *path);
 int flash_file(const char *path);
 ssize_t flash_program(int fd, const char *path, const unsigned char *buf, size_t count, off_t at);
 int flash_ioctl(int fd, const char *path, unsigned long request, void *arg);
+/* Copies what [at, at + count) of the MTD node at path holds into the other view of those
+ * bytes (the whole flash, or the partitions it overlaps). */
+void flash_mirror(const char *path, off_t at, size_t count);
 
 /* preload_ubi.c */
 int ubi_fake_volume(const char *path);

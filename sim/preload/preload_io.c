@@ -150,8 +150,15 @@ static ssize_t device_write(int fd, const char *path, const void *buf, size_t co
     }
     if (ubi_fake_volume(path))
         return ubi_update_write(fd, path, buf, count);
-    if (!flash_file(path))
-        return positioned ? real_pwrite(fd, buf, count, at) : real_write(fd, buf, count);
+    if (!flash_file(path)) {
+        // A block device of the flash writes as a file; its bytes are the flash's too.
+        if (!positioned)
+            at = lseek(fd, 0, SEEK_CUR);
+        const ssize_t r = positioned ? real_pwrite(fd, buf, count, at) : real_write(fd, buf, count);
+        if (r > 0 && at >= 0)
+            flash_mirror(path, at, (size_t)r);
+        return r;
+    }
     if (!positioned)
         at = lseek(fd, 0, SEEK_CUR);
     const ssize_t r = flash_program(fd, path, buf, count, at);
@@ -226,9 +233,11 @@ int ioctl(int fd, unsigned long request, ...)
     if (!path_of(fd, path, sizeof(path)))
         return real_ioctl(fd, request, arg);
     int cut = CUT_NONE;
-    if (flash_node(path) && (request == MEMERASE || request == UBI_IOCVOLUP ||
-                             request == UBI_IOCEBCH))
-        cut = cut_point(request == MEMERASE ? "erase" : request == UBI_IOCVOLUP ? "volup" : "ebch",
+    if (flash_node(path) &&
+        (request == MEMERASE || request == UBI_IOCVOLUP || request == UBI_IOCEBCH))
+        cut = cut_point(request == MEMERASE       ? "erase"
+                        : request == UBI_IOCVOLUP ? "volup"
+                                                  : "ebch",
                         path, 0);
     int r;
     if (flash_file(path))

@@ -99,7 +99,8 @@ int ubi_update_start(int fd, const char *path, long long bytes)
     memset(ff, 0xFF, sizeof(ff));
     set_damaged(path, 1);
     for (off_t at = 0; at < st.st_size; at += (off_t)sizeof(ff)) {
-        const size_t n = st.st_size - at < (off_t)sizeof(ff) ? (size_t)(st.st_size - at) : sizeof(ff);
+        const size_t n =
+            st.st_size - at < (off_t)sizeof(ff) ? (size_t)(st.st_size - at) : sizeof(ff);
         if (real_pwrite(fd, ff, n, at) != (ssize_t)n)
             return -1;
     }
