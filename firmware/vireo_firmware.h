@@ -9,6 +9,8 @@
 #include "ptn/vireo_ptn.h"
 
 #include <cstdint>
+#include <functional>
+#include <vector>
 
 // 0 when an image of the file fits this device, else -1.
 int32_t vireo_firmware_check(const char *up_path);
@@ -27,6 +29,27 @@ ptn_table *vireo_firmware_get_ptn_table(const up_ptn_table *up_ptn_table,
                                         const vireo_payload &payload);
 // Copies every partition that moves from its old place to its new one; 0 / -1.
 int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_table *new_table);
+
+// A partition that moves: entry index of the new table, its two places, and the bytes it
+// carries (never more than its new extent holds).
+struct vireo_ptn_move {
+    uint32_t index;
+    const ptn_info *from;
+    const ptn_info *to;
+    uint32_t len;
+};
+std::vector<vireo_ptn_move> vireo_firmware_ptn_moves(const ptn_table *old_table,
+                                                     const ptn_table *new_table);
+// Where the moves take their bytes from, and what follows each one.
+struct vireo_ptn_move_hooks {
+    std::function<int32_t()> before_first; // once, before the first write; 0 / -1
+    // The chunk at done of the move of new-table entry index.
+    std::function<const uint8_t *(uint32_t index, uint32_t done, uint32_t chunk)> bytes;
+    std::function<int32_t(uint32_t index)> moved; // after the move is read back; 0 / -1
+};
+// The same moves with the same traces, their bytes from hooks instead of a snapshot.
+int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_table *new_table,
+                                        const vireo_ptn_move_hooks &hooks);
 // 1 when the tables differ (order of entries aside), else 0.
 int32_t vireo_firmware_ptn_table_changed(const ptn_table *table_a, const ptn_table *table_b);
 

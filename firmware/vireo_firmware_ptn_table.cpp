@@ -5,6 +5,7 @@
 #include "common/vireo_file.h"
 #include "common/vireo_platform.h"
 #include "firmware/vireo_firmware.h"
+#include "firmware/vireo_firmware_content.h"
 #include "ptn/vireo_ptn_header.h"
 #include "ptn/vireo_ptn_record.h"
 
@@ -101,31 +102,23 @@ int32_t take_snapshot(const char *flash, const ptn_table *old_table, const ptn_t
         VIREO_TRACE("Failed to get flash size, path='%s'\n", flash);
         return -1;
     }
+    const std::vector<vireo_ptn_move> list = vireo_firmware_ptn_moves(old_table, new_table);
     uint64_t total = 0;
-    for (uint32_t i = 0; i < new_table->ptn_cnt; i++) {
-        const ptn_info *o = old_entry(old_table, new_table->ptns[i]);
-        if (moves(o, new_table->ptns[i]))
-            total += move_length(*o, new_table->ptns[i]);
-    }
+    for (const vireo_ptn_move &m : list)
+        total += m.len;
     try {
         snapshot->assign(new_table->ptn_cnt, {});
-        for (uint32_t i = 0; i < new_table->ptn_cnt; i++) {
-            const ptn_info *o = old_entry(old_table, new_table->ptns[i]);
-            if (moves(o, new_table->ptns[i]))
-                (*snapshot)[i].resize(move_length(*o, new_table->ptns[i]));
-        }
+        for (const vireo_ptn_move &m : list)
+            (*snapshot)[m.index].resize(m.len);
     } catch (...) {
         VIREO_TRACE("Failed to alloc %d bytes memory.\n", static_cast<int>(total));
         return -1;
     }
-    for (uint32_t i = 0; i < new_table->ptn_cnt; i++) {
-        std::vector<uint8_t> &copy = (*snapshot)[i];
-        if (copy.empty())
-            continue;
-        const ptn_info *o = old_entry(old_table, new_table->ptns[i]);
+    for (const vireo_ptn_move &m : list) {
+        std::vector<uint8_t> &copy = (*snapshot)[m.index];
         uint32_t got = 0;
-        if (o->base > INT32_MAX ||
-            vireo_file_read_by_offset(flash, static_cast<int32_t>(o->base), copy.data(),
+        if (m.from->base > INT32_MAX ||
+            vireo_file_read_by_offset(flash, static_cast<int32_t>(m.from->base), copy.data(),
                                       static_cast<int32_t>(copy.size()), &got) != 0 ||
             got != copy.size()) {
             VIREO_TRACE("Failed to read flash content.\n");
@@ -137,15 +130,25 @@ int32_t take_snapshot(const char *flash, const ptn_table *old_table, const ptn_t
 
 } // namespace
 
-int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_table *new_table)
+std::vector<vireo_ptn_move> vireo_firmware_ptn_moves(const ptn_table *old_table,
+                                                     const ptn_table *new_table)
 {
-    VIREO_ASSERT(old_table);
-    VIREO_ASSERT(new_table);
+    std::vector<vireo_ptn_move> list;
+    for (uint32_t i = 0; i < new_table->ptn_cnt; i++) {
+        const ptn_info *o = old_entry(old_table, new_table->ptns[i]);
+        if (moves(o, new_table->ptns[i]))
+            list.push_back({i, o, &new_table->ptns[i], move_length(*o, new_table->ptns[i])});
+    }
+    return list;
+}
+
+int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_table *new_table,
+                                        const vireo_ptn_move_hooks &hooks)
+{
     char flash[256];
     if (vireo_platform_path(flash, sizeof(flash), VIREO_MTD_DEV_FMT, 0) < 0)
         return -1;
-    std::vector<std::vector<uint8_t>> snapshot;
-    bool taken = false;
+    bool started = false;
     for (uint32_t i = 0; i < new_table->ptn_cnt; i++) {
         const ptn_info &n = new_table->ptns[i];
         const ptn_info *o = old_entry(old_table, n);
@@ -159,27 +162,46 @@ int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_ta
         }
         VIREO_TRACE("ptn[%s] moved from {0x%08x:0x%08x} to {0x%08x:0x%08x}.\n", n.name, o->base,
                     o->size, n.base, n.size);
-        if (!taken) {
-            if (take_snapshot(flash, old_table, new_table, &snapshot) != 0)
+        if (!started) {
+            if (hooks.before_first() != 0)
                 return -1;
-            taken = true;
+            started = true;
         }
-        const std::vector<uint8_t> &copy = snapshot[i];
-        const auto bytes = [&copy](uint32_t done, uint32_t) { return copy.data() + done; };
+        const uint32_t len = move_length(*o, n);
+        const auto bytes = [&hooks, i](uint32_t done, uint32_t chunk) {
+            return hooks.bytes(i, done, chunk);
+        };
         // The move is read back like every other write: a place that was not erased
         // does not take the bytes.
         if (n.base > INT32_MAX ||
-            vireo_file_write_by_offset_block_mode(flash, static_cast<int32_t>(n.base), copy.data(),
-                                                  static_cast<int32_t>(copy.size()),
-                                                  MTD_WRITE_BLOCK_SIZE, nullptr) != 0 ||
-            vireo_file_compare_units(flash, static_cast<int32_t>(n.base),
-                                     static_cast<int32_t>(copy.size()), MTD_WRITE_BLOCK_SIZE, true,
-                                     bytes, nullptr) != 0) {
+            vireo_file_write_units(flash, static_cast<int32_t>(n.base), static_cast<int32_t>(len),
+                                   MTD_WRITE_BLOCK_SIZE, bytes, nullptr) != 0 ||
+            vireo_file_compare_units(flash, static_cast<int32_t>(n.base), static_cast<int32_t>(len),
+                                     MTD_WRITE_BLOCK_SIZE, true, bytes, nullptr) != 0) {
             VIREO_TRACE("PTN[%s] move to {0x%08x:0x%08x} failed.\n", n.name, n.base, n.size);
             return -1;
         }
+        if (hooks.moved(i) != 0)
+            return -1;
     }
     return 0;
+}
+
+int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_table *new_table)
+{
+    VIREO_ASSERT(old_table);
+    VIREO_ASSERT(new_table);
+    char flash[256];
+    if (vireo_platform_path(flash, sizeof(flash), VIREO_MTD_DEV_FMT, 0) < 0)
+        return -1;
+    std::vector<std::vector<uint8_t>> snapshot;
+    vireo_ptn_move_hooks hooks;
+    hooks.before_first = [&] { return take_snapshot(flash, old_table, new_table, &snapshot); };
+    hooks.bytes = [&snapshot](uint32_t index, uint32_t done, uint32_t) {
+        return snapshot[index].data() + done;
+    };
+    hooks.moved = [](uint32_t) { return 0; };
+    return vireo_firmware_update_ptn_table(old_table, new_table, hooks);
 }
 
 // Every entry of a has an equal first namesake in b.

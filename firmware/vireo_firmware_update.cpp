@@ -4,6 +4,7 @@
 #include "common/vireo_file.h"
 #include "common/vireo_platform.h"
 #include "firmware/vireo_firmware.h"
+#include "firmware/vireo_firmware_journal.h"
 #include "ptn/vireo_extra_para.h"
 #include "ptn/vireo_ptn_header.h"
 #include "ptn/vireo_ptn_record.h"
@@ -243,7 +244,10 @@ int32_t vireo_firmware_update_ptn(const ptn_table *old_table, const firmware_hea
     } else if (raw_flags_off(old_table, &flags) != 0) {
         return -1;
     }
-    if (vireo_firmware_update_ptn_table(old_table, new_table.get()) != 0) {
+    // The moves go under a journal on flash where there is room for one, so that a power
+    // cut before the new table is written loses none of what they carry.
+    vireo_journal journal;
+    if (vireo_journal_moves(old_table, new_table.get(), up_table, payload, &journal) != 0) {
         VIREO_TRACE("Faield to update ptn-table.\n");
         return -1;
     }
@@ -251,6 +255,10 @@ int32_t vireo_firmware_update_ptn(const ptn_table *old_table, const firmware_hea
     if (vireo_firmware_update_ptn_content(new_table.get(), up_table, changed, payload,
                                           UBI_DEVICE_NUMBER) != 0) {
         VIREO_TRACE("Faield to update ptn-content.\n");
+        return -1;
+    }
+    if (vireo_journal_retire(journal) != 0) {
+        VIREO_TRACE("Failed to erase the journal of the layout change.\n");
         return -1;
     }
     VIREO_TRACE("Success to update ptn-table.\n");

@@ -2,6 +2,7 @@
 #include "firmware/vireo_firmware_upgrade.h"
 
 #include "common/vireo_common.h"
+#include "firmware/vireo_firmware_journal.h"
 
 static const char VIREO_MODULE[] = "vireo_firmware";
 
@@ -51,6 +52,12 @@ int32_t vireo_firmware_upgrade_install(vireo_upgrade_job *job)
 
 int32_t vireo_firmware_upgrade(const char *up_path)
 {
+    // A layout change that a power cut interrupted is finished first, from its journal:
+    // until then the flash holds neither the old layout nor the new one.
+    if (vireo_journal_resume() != 0) {
+        VIREO_TRACE("Failed to upgrade firmware into this device.\n");
+        return -1;
+    }
     vireo_upgrade_job job;
     if (vireo_firmware_upgrade_prepare(up_path, &job) != 0)
         return -1;

@@ -5,7 +5,7 @@
 // classifies the device as the boot loader would see it, then runs the same command again on
 // the cut device, which must install. One line per road:
 //   ROAD: N cut points, U untouched, O off, I installed, V violations, R/N retries installed,
-//   L lost user data
+//   L lost user data, J journal resumed
 // and last "N passed, M failed" over the roads. A violation prints the cut point, the variant
 // and the first byte that differs from what was allowed there. --list only prints each road's
 // operations, as the uncut run counts them.
@@ -21,6 +21,11 @@ namespace
 {
 
 using files = std::map<std::string, std::string>;
+
+// What a retry says when it finishes a layout change from its journal, and when it cannot
+// read the partition table.
+const char kResumed[] = "finishing the layout change of an interrupted upgrade";
+const char kTableUnread[] = "Failed to build ptn_table of flash";
 
 // The device as a command left it: every file below dev/, and the damaged UBI volumes.
 struct device_state {
@@ -74,7 +79,7 @@ struct road_sweep {
 
     explicit road_sweep(upgrade_road r) : road(std::move(r))
     {
-        for (const auto *set : {&road.carried, &road.user})
+        for (const auto *set : {&road.carried, &road.user, &road.spare})
             for (const byte_range &range : *set)
                 add_target(range);
         add_target({road.flag, 0, 0});
@@ -204,7 +209,7 @@ struct road_sweep {
 
 struct tally {
     size_t points = 0, untouched = 0, off = 0, installed = 0, violations = 0, retried = 0, lost = 0,
-           refused = 0;
+           refused = 0, resumed = 0, stopped_at_table = 0;
 };
 
 std::vector<std::string> read_lines(const std::string &path)
@@ -270,27 +275,35 @@ bool sweep(const std::string &name, bool list)
             const bool wrote_nothing = after.bytes == cut.bytes && after.damaged == cut.damaged;
             const bool installed = r.status == 0 && s.flag(after) == road_sweep::FLAG_DONE &&
                                    road_sweep::differs(after, s.road.carried, s.installed).empty();
+            if (r.out.find(kResumed) != std::string::npos)
+                t.resumed++;
             if (installed)
                 t.retried++;
             else if (wrote_nothing && state == "off") {
                 t.refused++;
+                if (r.out.find(kTableUnread) != std::string::npos)
+                    t.stopped_at_table++;
                 refusals += " " + std::to_string(n) + std::string(variant, 1);
             } else
                 printf("%s: cut point %s: the retry did not install (exit %d)\n", name.c_str(),
                        point.c_str(), r.status);
-            if (!road_sweep::differs(after, s.road.user, s.installed).empty())
+            // Lost: neither where the new layout puts it nor still where the old one had it
+            // (a retry that refused to start leaves it in the old places).
+            if (!road_sweep::differs(after, s.road.user, s.installed).empty() &&
+                !road_sweep::differs(after, s.road.user, s.factory).empty())
                 t.lost++;
         }
     }
     if (t.refused)
         printf("%s: %zu retries wrote nothing, refusing a record they read first that the cut "
-               "left unreadable (the flag record, the partition table), at cut points (b: "
-               "before, a: after, t: tear):%s\n",
-               name.c_str(), t.refused, refusals.c_str());
+               "left unreadable: %zu stopped at the flag record, %zu stopped at the partition "
+               "table, at cut points (b: before, a: after, t: tear):%s\n",
+               name.c_str(), t.refused, t.refused - t.stopped_at_table, t.stopped_at_table,
+               refusals.c_str());
     printf("%s: %zu cut points, %zu untouched, %zu off, %zu installed, %zu violations, %zu/%zu "
-           "retries installed, %zu lost user data\n",
+           "retries installed, %zu lost user data, %zu journal resumed\n",
            name.c_str(), t.points, t.untouched, t.off, t.installed, t.violations, t.retried,
-           t.points, t.lost);
+           t.points, t.lost, t.resumed);
     return ok && t.violations == 0 && t.retried + t.refused == t.points;
 }
 

@@ -105,6 +105,7 @@ road_image_items road_image_items_of(const upgrade_road &road)
     out.flag = items.flag();
     out.carried = items.items(road.carried);
     out.user = items.items(road.user);
-    out.other = items.other(out.flag + " " + out.carried + " " + out.user);
+    out.spare = items.items(road.spare);
+    out.other = items.other(out.flag + " " + out.carried + " " + out.user + " " + out.spare);
     return out;
 }

@@ -12,6 +12,7 @@ struct road_image_items {
     std::string flag;    // the target's flag record
     std::string carried; // what the image brings, space-separated
     std::string user;    // user data the upgrade carries over
+    std::string spare;   // free flash a journal may use while the upgrade runs
     std::string other;   // what must never change: the rest of the flash but the UBI devices'
                          // homes, and every volume no other item names
 };

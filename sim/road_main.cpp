@@ -71,9 +71,10 @@ void write_image(const upgrade_road &road, const std::string &dir, uint32_t leb)
                                         " PTN_BASE=" + std::to_string(ptn_base) + " UBI_ATTACH='" +
                                         attach + "'\n");
     const road_image_items items = road_image_items_of(road);
-    write_file(dir + "/road.conf", "TOOL_ARGS='" + tool_args(road, "/tmp/up.bin") + "'\nFLAG=" +
-                                       items.flag + "\nCARRIED='" + items.carried + "'\nUSER='" +
-                                       items.user + "'\nOTHER='" + items.other + "'\nSPARE=''\n");
+    write_file(dir + "/road.conf", "TOOL_ARGS='" + tool_args(road, "/tmp/up.bin") +
+                                       "'\nFLAG=" + items.flag + "\nCARRIED='" + items.carried +
+                                       "'\nUSER='" + items.user + "'\nOTHER='" + items.other +
+                                       "'\nSPARE='" + items.spare + "'\n");
 }
 
 int usage()

@@ -110,6 +110,7 @@ upgrade_road raw_moves(uint32_t k)
                                   {{"kernel", pattern(0x5000, 26)}}});
     road.carried = {whole("/dev/mtd1"), whole("/dev/mtd4"), whole("/dev/mtd5"), whole("/dev/mtd6")};
     road.user = {{"/dev/mtd0", 0x90000 * k, 0x40000 * k}};
+    road.spare = {{"/dev/mtd0", 0xE0000 * k, 0x20000 * k}};
     road.flag = "/dev/mtd3";
     road.flag_done = flag_doc(true, 0);
     return road;

@@ -41,8 +41,11 @@ struct upgrade_road {
     std::vector<std::string> args;   // of the tool, after the root
     std::vector<byte_range> carried; // what the image brings into the target
     std::vector<byte_range> user;    // user data the upgrade carries over: moves, copies
-    std::string flag;                // the device file of the target's flag record
-    std::string flag_done;           // the flag record's document once installed
+    // Flash free of partitions that may hold a journal while the upgrade runs: any value at
+    // a cut, erased again once the upgrade is done.
+    std::vector<byte_range> spare;
+    std::string flag;      // the device file of the target's flag record
+    std::string flag_done; // the flag record's document once installed
 };
 
 // The roads by name: "raw-moves" (a layout change with overlapping, growing and new

@@ -62,7 +62,8 @@ TEST(SimRoads, EveryByteAndVolumeOfTheFlashInExactlyOneItem)
             const upgrade_road road = make_upgrade_road(name, scale);
             const road_image_items items = road_image_items_of(road);
             coverage c{{}, {}, road};
-            for (const std::string *list : {&items.flag, &items.carried, &items.user, &items.other})
+            for (const std::string *list :
+                 {&items.flag, &items.carried, &items.user, &items.spare, &items.other})
                 c.add(*list);
             for (const auto &[dev, home] : road.ubi_homes)
                 c.add("mtd:" + home);

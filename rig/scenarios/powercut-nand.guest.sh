@@ -185,6 +185,7 @@ else
 fi
 
 i=0 points=0 untouched=0 off=0 installed=0 violations=0 retried=0 lost=0 refused=0 refusals=""
+resumed=0 at_table=0
 while read -r n; do
     if [ "$variants" = rotate ]; then
         set -- before after tear
@@ -213,6 +214,8 @@ while read -r n; do
         # Recovery: the same command again on the cut flash.
         retry=0
         vireo_firmware_upgrade $TOOL_ARGS >/tmp/tool.log 2>&1 || retry=$?
+        grep -q 'finishing the layout change of an interrupted upgrade' /tmp/tool.log &&
+            resumed=$((resumed + 1))
         reboot_flash
         snapshot /tmp/retry
         # Installed again: the new flag over the image's contents. (After a cut that left the
@@ -223,16 +226,19 @@ while read -r n; do
         elif [ -z "$(differs /tmp/retry /tmp/cut $OTHER $CARRIED $USER $SPARE $FLAG)" ] &&
             [ "$state" = off ]; then
             refused=$((refused + 1)) refusals="$refusals $n$(echo "$variant" | cut -c1)"
+            grep -q 'Failed to build ptn_table of flash' /tmp/tool.log && at_table=$((at_table + 1))
         else
             not_ok "$ROAD: cut point $n ($variant, $op): the retry did not install (exit $retry)"
         fi
-        [ -n "$(differs /tmp/retry /tmp/ref/installed $USER)" ] && lost=$((lost + 1))
+        # Lost: neither where the new layout puts it nor still where the old one had it.
+        [ -n "$(differs /tmp/retry /tmp/ref/installed $USER)" ] &&
+            [ -n "$(differs /tmp/retry /tmp/ref/factory $USER)" ] && lost=$((lost + 1))
     done
 done </tmp/points
 
-[ $refused -gt 0 ] && echo "$ROAD: $refused retries wrote nothing, refusing a record they read first that the cut left unreadable (the flag record, the partition table), at cut points (b: before, a: after, t: tear):$refusals"
+[ $refused -gt 0 ] && echo "$ROAD: $refused retries wrote nothing, refusing a record they read first that the cut left unreadable: $((refused - at_table)) stopped at the flag record, $at_table stopped at the partition table, at cut points (b: before, a: after, t: tear):$refusals"
 echo "$ROAD: $total flash operations in the uncut run"
-echo "$ROAD: $points cut points, $untouched untouched, $off off, $installed installed, $violations violations, $retried/$points retries installed, $lost lost user data"
+echo "$ROAD: $points cut points, $untouched untouched, $off off, $installed installed, $violations violations, $retried/$points retries installed, $lost lost user data, $resumed journal resumed"
 [ $((retried + refused)) = "$points" ] || not_ok "$ROAD: retries that did not install"
 [ $violations = 0 ] && ok "$ROAD: no violation in $points cut points"
 rig_done
