@@ -19,5 +19,7 @@ struct pack_image {
 // Reads a manifest; file paths in it are relative to the manifest's folder.
 std::vector<pack_image> read_manifest(const std::string &path);
 
-// The whole firmware file, digests and signatures made with key.
-bytes build_firmware(const std::vector<pack_image> &images, EVP_PKEY *key);
+// The whole firmware file, digests and signatures made with key; with Ed25519 keys (at
+// most two), every header also carries a signature block signed by each of them.
+bytes build_firmware(const std::vector<pack_image> &images, EVP_PKEY *key,
+                     const std::vector<EVP_PKEY *> &ed25519_keys = {});
