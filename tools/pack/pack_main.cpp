@@ -17,8 +17,8 @@ namespace
 
 const char kHelp[] =
     "Usage:\n"
-    "  vireo_firmware_pack build MANIFEST.json --key PRIVATE.pem\n"
-    "                      [--ed25519-key ED25519.pem [--ed25519-key ED25519.pem]] -o up.bin\n"
+    "  vireo_firmware_pack build MANIFEST.json --key PRIVATE.pem -o up.bin\n"
+    "  vireo_firmware_pack build ... --ed25519-key KEY [--ed25519-key KEY]\n"
     "  vireo_firmware_pack inspect up.bin [--key PUBLIC.pem] [--keyring RING]\n"
     "  vireo_firmware_pack digest up.bin -o DIGEST\n"
     "\n"
