@@ -14,6 +14,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
+#include <unistd.h>
 
 namespace
 {
@@ -454,4 +455,139 @@ TEST(SignaturePolicy, UsageSaysWhatTheBuildRequires)
     const run_result r = run_program(VIREO_TOOL, {"--help"});
     EXPECT_EQ(0, r.status);
     EXPECT_EQ(kRequire, r.out.find("-C and -U always verify") != std::string::npos) << r.out;
+}
+
+namespace
+{
+
+// A SoftHSM2 token of its own, under a temporary folder, for the token tests.
+struct soft_token {
+    temp_dir dir;
+    std::string module;
+    std::vector<std::string> env;
+    std::string why_not; // empty when the token is ready
+
+    soft_token()
+    {
+        for (const char *m :
+             {"/usr/lib/softhsm/libsofthsm2.so", "/usr/lib/x86_64-linux-gnu/softhsm/libsofthsm2.so",
+              "/usr/lib/aarch64-linux-gnu/softhsm/libsofthsm2.so"})
+            if (access(m, R_OK) == 0)
+                module = m;
+        if (module.empty() || VIREO_EMULATED) {
+            why_not = "SoftHSM2 (Debian softhsm2) is not installed for this machine";
+            return;
+        }
+        env = {"SOFTHSM2_CONF=" +
+               dir.write("softhsm2.conf", "directories.tokendir = " + dir.join("tokens") +
+                                              "\nobjectstore.backend = file\n"
+                                              "log.level = ERROR\n")};
+        dir.write("tokens/.keep", "");
+        if (shell("softhsm2-util --init-token --free --label vireo --pin 1234 --so-pin 5678") ||
+            keygen("EC:edwards25519", "ed") || keygen("RSA:1024", "rsa"))
+            why_not = "softhsm2-util or pkcs11-tool (Debian opensc) failed: " + why_not;
+    }
+    int shell(const std::string &command)
+    {
+        const run_result r = run_program("/bin/sh", {"-c", command}, env);
+        if (r.status != 0)
+            why_not += r.err;
+        return r.status;
+    }
+    int keygen(const std::string &type, const std::string &label)
+    {
+        return shell("pkcs11-tool --module " + module +
+                     " --token-label vireo --login --pin 1234 --keypairgen --key-type " + type +
+                     " --label " + label + " && pkcs11-tool --module " + module +
+                     " --token-label vireo --read-object --type pubkey --label " + label + " -o " +
+                     dir.join(label + ".pub"));
+    }
+    std::string uri(const std::string &object, const std::string &pin = "1234") const
+    {
+        return "pkcs11:token=vireo;object=" + object + "?pin-value=" + pin +
+               "&module-path=" + module;
+    }
+};
+
+size_t count_matches(const std::string &text, const std::string &what)
+{
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        n++;
+    return n;
+}
+
+// A public key that pkcs11-tool wrote, PEM or DER, as PEM.
+std::string public_pem(const temp_dir &dir, const std::string &path)
+{
+    const std::string data = read_file(path);
+    if (data.rfind("-----BEGIN", 0) == 0)
+        return path;
+    const unsigned char *p = reinterpret_cast<const unsigned char *>(data.data());
+    pkey_ptr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(data.size())), EVP_PKEY_free);
+    const std::string pem = dir.join("converted.pub.pem");
+    FILE *f = fopen(pem.c_str(), "w");
+    PEM_write_PUBKEY(f, key.get());
+    fclose(f);
+    return pem;
+}
+
+} // namespace
+
+TEST(TokenSigning, SoftHsmKeysSignBothSignatures)
+{
+    soft_token token;
+    if (!token.why_not.empty())
+        GTEST_SKIP() << "skipped: " << token.why_not;
+    temp_dir dir;
+    const std::string manifest = dir.write("m.json", R"({"images": [{"partitions": []}]})");
+    const std::string up = dir.join("up.bin");
+    run_result r = run_program(VIREO_PACK_TOOL,
+                               {"build", manifest, "--key", token.uri("rsa"), "--ed25519-key",
+                                token.uri("ed"), "--ed25519-key", kTestKey, "-o", up},
+                               token.env);
+    ASSERT_EQ(0, r.status) << r.err;
+
+    // The token's Ed25519 key, read back from its public half, signed slot 0.
+    const std::string ed_pub = public_pem(dir, token.dir.join("ed.pub"));
+    const run_result line = run_program(VIREO_KEY_TEXT_TOOL, {ed_pub});
+    ASSERT_EQ(0, line.status) << line.err;
+    const std::string data = read_file(up);
+    const std::vector<uint8_t> file(data.begin(), data.end());
+    std::vector<vireo_ring_key> ring;
+    int bad = 0;
+    ASSERT_EQ(0, vireo_keyring_parse(line.out.c_str(), &ring, &bad));
+    const bytes pk(ring[0].pk, ring[0].pk + 32);
+    EXPECT_TRUE(ref_verify(pk, file.data() + 464, ref_prehash(file)));
+    EXPECT_EQ(0, memcmp(file.data() + 456, ring[0].id, 8));
+
+    // Both signatures verify against the token's public keys, RSA last over the block.
+    const std::string ring_file =
+        dir.write("ring.txt", line.out + read_file(kKeys + "/vireo_test_keyring.txt"));
+    r = run_program(VIREO_PACK_TOOL,
+                    {"inspect", up, "--key", public_pem(dir, token.dir.join("rsa.pub")),
+                     "--keyring", ring_file});
+    EXPECT_EQ(0, r.status) << r.out;
+    EXPECT_EQ(3u, count_matches(r.out, ": valid\n")) << r.out; // RSA and both slots
+    EXPECT_NE(std::string::npos, r.out.find("  signature: valid\n")) << r.out;
+
+    // A wrong PIN, a key of the other type and an unknown token write nothing.
+    const struct {
+        std::vector<std::string> keys;
+        const char *message;
+    } refusals[] = {
+        {{"--key", token.uri("rsa", "0000")}, "refused the PIN"},
+        {{"--key", token.uri("ed")}, "is not a 1024-bit RSA key"},
+        {{"--key", token.uri("rsa"), "--ed25519-key", token.uri("rsa")}, "is not an Ed25519 key"},
+        {{"--key", "pkcs11:token=none;object=rsa?pin-value=1234&module-path=" + token.module},
+         "no token matches"},
+    };
+    for (const auto &c : refusals) {
+        std::vector<std::string> args = {"build", manifest, "-o", dir.join("refused.bin")};
+        args.insert(args.end(), c.keys.begin(), c.keys.end());
+        r = run_program(VIREO_PACK_TOOL, args, token.env);
+        EXPECT_EQ(1, r.status) << c.message;
+        EXPECT_NE(std::string::npos, r.err.find(c.message)) << r.err;
+        EXPECT_NE(0, access(dir.join("refused.bin").c_str(), F_OK));
+    }
 }

@@ -3,6 +3,7 @@
 
 #include "firmware/vireo_firmware_header.h"
 #include "firmware/vireo_firmware_sigblock.h"
+#include "tools/pack/pack_token.h"
 #include "tools/vireo_ed25519_key.h"
 
 #include <cstdio>
@@ -47,7 +48,7 @@ std::string content_id(const bytes &content)
 
 // Writes the signature block of the image at h (len bytes to the end of the file): its
 // fields first, then each key's signature of the prehash, which counts them as zeros.
-static void sign_block(uint8_t *h, size_t len, const std::vector<EVP_PKEY *> &keys)
+static void sign_block(uint8_t *h, size_t len, const std::vector<pack_signer> &keys)
 {
     uint8_t *b = h + SIGBLOCK_OFFSET;
     memcpy(b, SIGBLOCK_MAGIC, 4);
@@ -56,20 +57,25 @@ static void sign_block(uint8_t *h, size_t len, const std::vector<EVP_PKEY *> &ke
     for (size_t i = 0; i < keys.size(); i++) {
         uint8_t *slot = h + SIGBLOCK_FIRST_SLOT + i * SIGBLOCK_SLOT_SIZE;
         uint8_t pk[32];
-        if (!vireo_ed25519_public_of(keys[i], pk))
+        if (keys[i].token) {
+            const bytes token_pk = token_ed25519_public(keys[i].token);
+            memcpy(pk, token_pk.data(), sizeof(pk));
+        } else if (!vireo_ed25519_public_of(keys[i].pem, pk)) {
             throw pack_error("not an Ed25519 key");
+        }
         memcpy(slot, SIGBLOCK_ALG_ED25519_BLAKE2B, 2);
         vireo_ed25519_key_id(pk, slot + SIGBLOCK_SLOT_KEY_ID);
     }
     const bytes prehash = prehash_of(h, len);
     for (size_t i = 0; i < keys.size(); i++) {
-        const bytes sig = ed25519_sign(keys[i], prehash);
+        const bytes sig = keys[i].token ? token_ed25519_sign(keys[i].token, prehash)
+                                        : ed25519_sign(keys[i].pem, prehash);
         memcpy(h + vireo_sigblock_sig_offset(static_cast<uint32_t>(i)), sig.data(), sig.size());
     }
 }
 
-bytes build_firmware(const std::vector<pack_image> &images, EVP_PKEY *key,
-                     const std::vector<EVP_PKEY *> &ed25519_keys)
+bytes build_firmware(const std::vector<pack_image> &images, const pack_signer &rsa,
+                     const std::vector<pack_signer> &ed25519_keys)
 {
     if (ed25519_keys.size() > SIGBLOCK_SLOTS)
         throw pack_error("at most " + std::to_string(SIGBLOCK_SLOTS) + " Ed25519 keys");
@@ -137,7 +143,9 @@ bytes build_firmware(const std::vector<pack_image> &images, EVP_PKEY *key,
         // The RSA signature last, so that it covers the block too.
         if (!ed25519_keys.empty())
             sign_block(h, len, ed25519_keys);
-        const bytes sig = sign_digest(key, signed_digest(h, len));
+        const bytes digest = signed_digest(h, len);
+        const bytes sig =
+            rsa.token ? token_sign_digest(rsa.token, digest) : sign_digest(rsa.pem, digest);
         memcpy(h + FIRMWARE_SIGNATURE_OFFSET, sig.data(), FIRMWARE_SIGNATURE_SIZE);
     }
     return file;

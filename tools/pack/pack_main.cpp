@@ -5,6 +5,7 @@
 #include "firmware/vireo_firmware_keyring.h"
 #include "tools/pack/pack_build.h"
 #include "tools/pack/pack_readback.h"
+#include "tools/pack/pack_token.h"
 #include "tools/vireo_ed25519_key.h"
 
 #include <cstdio>
@@ -29,6 +30,9 @@ const char kHelp[] =
     "         A content that two images share is stored once, in the earlier image.\n"
     "         With --ed25519-key (once or twice), every header also carries a block of\n"
     "         Ed25519 signatures (docs/signature.md); the RSA signature is made last.\n"
+    "         A key may be a PKCS#11 URI instead of a PEM file, for a key kept in a\n"
+    "         token: pkcs11:token=T;object=O?pin-value=PIN (or pin-source=FILE; add\n"
+    "         &module-path=MODULE.so for a module p11-kit does not know).\n"
     "inspect  prints the chain of images, their headers, partitions and records, and checks\n"
     "         digests and signature (against the key built into vireo_firmware_upgrade\n"
     "         unless --key names a public key), and each Ed25519 signature's key id and\n"
@@ -100,17 +104,31 @@ int run(const std::string &cmd, const args &a)
         if (a.ed25519_keys.size() > 2)
             return usage_error("build takes at most two --ed25519-key");
         const std::vector<pack_image> images = read_manifest(a.positional[0]);
-        pkey_ptr key = load_private_key(a.key);
-        std::vector<pkey_ptr> ed_owned;
-        std::vector<EVP_PKEY *> ed;
-        for (const std::string &path : a.ed25519_keys) {
-            std::string error;
-            ed_owned.emplace_back(vireo_ed25519_load_pem(path, true, &error), EVP_PKEY_free);
-            if (!ed_owned.back())
-                throw pack_error(error);
-            ed.push_back(ed_owned.back().get());
-        }
-        const bytes file = build_firmware(images, key.get(), ed);
+        // Keys in a token stay open (and logged in) until the file is signed.
+        std::vector<pkey_ptr> pems;
+        std::vector<token_key_ptr> tokens;
+        auto signer = [&](const std::string &arg, token_key_type type) {
+            pack_signer s;
+            if (is_pkcs11_uri(arg)) {
+                tokens.push_back(token_key_open(arg, type));
+                s.token = tokens.back().get();
+            } else if (type == token_key_type::rsa1024) {
+                pems.push_back(load_private_key(arg));
+                s.pem = pems.back().get();
+            } else {
+                std::string error;
+                pems.emplace_back(vireo_ed25519_load_pem(arg, true, &error), EVP_PKEY_free);
+                if (!pems.back())
+                    throw pack_error(error);
+                s.pem = pems.back().get();
+            }
+            return s;
+        };
+        const pack_signer rsa = signer(a.key, token_key_type::rsa1024);
+        std::vector<pack_signer> ed;
+        for (const std::string &arg : a.ed25519_keys)
+            ed.push_back(signer(arg, token_key_type::ed25519));
+        const bytes file = build_firmware(images, rsa, ed);
         write_all(a.out, file);
         printf("wrote '%s': %zu bytes, %zu image(s)\n", a.out.c_str(), file.size(), images.size());
         return 0;
