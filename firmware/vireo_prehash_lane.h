@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#define VIREO_LANE_CHUNK (256 * 1024)
+#define VIREO_LANE_CHUNK (64 * 1024)
 #define VIREO_LANE_SLOTS 4
 
 struct vireo_prehash_lane {
