@@ -596,3 +596,47 @@ TEST(TokenSigning, SoftHsmKeysSignBothSignatures)
         EXPECT_NE(0, access(dir.join("refused.bin").c_str(), F_OK));
     }
 }
+
+TEST(SignatureBlock, InspectJudgesEachSlotAgainstTheRingItIsGiven)
+{
+    temp_dir dir;
+    const ed_key a = load_key(kTestKey), b = new_key(dir, "b"), c = new_key(dir, "c");
+    const std::string ring_a = kKeys + "/vireo_test_keyring.txt";
+    const std::string ring_b = dir.write("ring_b.txt", "untrusted comment: b\n" + b.line + "\n");
+    pack_with(dir, {a.pem, b.pem});
+    const std::string both = dir.write("both.bin", read_file(dir.join("up.bin")));
+    pack_with(dir, {});
+    const std::string rsa_only = dir.join("up.bin");
+    char id_a[17], id_b[17];
+    vireo_sigblock_key_id_hex(id_a, ref_digest(EVP_blake2b512(), a.pk).data());
+    vireo_sigblock_key_id_hex(id_b, ref_digest(EVP_blake2b512(), b.pk).data());
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {{"inspect", both, "--keyring", ring_a},
+         0,
+         {std::string("ed25519 signature 0: key ") + id_a + ": valid",
+          std::string("ed25519 signature 1: key ") + id_b + ": not in the ring"}},
+        {{"inspect", both, "--keyring", ring_b},
+         0,
+         {std::string("ed25519 signature 0: key ") + id_a + ": not in the ring",
+          std::string("ed25519 signature 1: key ") + id_b + ": valid"}},
+        {{"inspect", rsa_only, "--keyring", ring_a},
+         1,
+         {"signature block: no signature block", "problem: no Ed25519 signature block"}},
+        {{"inspect", rsa_only}, kRequire ? 1 : 0, {"signature block: no signature block"}},
+        {{"inspect", both, "--keyring", dir.write("bad.txt", "RWQ=\n")}, 1, {}},
+        {{"build", "m.json", "--key", "k.pem", "--ed25519-key", a.pem, "--ed25519-key", b.pem,
+          "--ed25519-key", c.pem, "-o", "x.bin"},
+         2,
+         {}},
+    };
+    for (const auto &t : cases) {
+        const run_result r = run_program(VIREO_PACK_TOOL, t.args);
+        EXPECT_EQ(t.status, r.status) << t.args[1] << r.out << r.err;
+        for (const std::string &line : t.lines)
+            EXPECT_NE(std::string::npos, r.out.find("  " + line + "\n")) << line << r.out;
+    }
+}
