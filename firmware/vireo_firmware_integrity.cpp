@@ -7,6 +7,10 @@
 #include "crypto/vireo_rsa.h"
 #include "firmware/vireo_firmware_header.h"
 #include "firmware/vireo_firmware_seal.h"
+#if VIREO_SIGNATURE_REQUIRE
+#include "firmware/vireo_firmware_keyring.h"
+#include "firmware/vireo_prehash_lane.h"
+#endif
 
 #include <cerrno>
 #include <cstring>
@@ -20,6 +24,8 @@ uint8_t digest_from_image = 1;
 uint8_t supplied_digest[16];
 uint8_t supplied_digest_valid = 0;
 uint32_t rsa_passed = 0;
+uint8_t supplied_prehash[64];
+uint8_t supplied_prehash_valid = 0;
 
 #define SIGNATURE_END (FIRMWARE_SIGNATURE_OFFSET + FIRMWARE_SIGNATURE_SIZE)
 // Chunk in which -t reads its file.
@@ -63,18 +69,43 @@ int32_t choose_digest(uint8_t digest[16], Compute compute)
     return -1;
 }
 
-int32_t verify(const vireo_trace_site &site, const uint8_t signature[FIRMWARE_SIGNATURE_SIZE],
-               const uint8_t digest[16])
+// The RSA verdict, traced at site: 0 or -1.
+int32_t verify_rsa(const vireo_trace_site &site, const uint8_t signature[FIRMWARE_SIGNATURE_SIZE],
+                   const uint8_t digest[16])
 {
     const int32_t valid = rsa_verify_base64_key(builtin_public_key, builtin_public_key_len, digest,
                                                 16, signature, FIRMWARE_SIGNATURE_SIZE);
     if (valid) {
         vireo_trace_at(site, "Rsa check pass\n\n");
-        rsa_passed = 1;
         return 0;
     }
     vireo_trace_at(site, "Rsa check not pass\n\n");
     return -1;
+}
+
+// The verdict of the whole check: RSA, then (when the build requires it) the signature
+// block over the prehash. Remembered for the run once it passes.
+// head: the file's first head_len bytes, as digested (the block is read from them).
+int32_t verify(const vireo_trace_site &site, const uint8_t signature[FIRMWARE_SIGNATURE_SIZE],
+               const uint8_t digest[16], const uint8_t *head, uint64_t head_len,
+               const uint8_t *prehash)
+{
+    if (verify_rsa(site, signature, digest) != 0)
+        return -1;
+#if VIREO_SIGNATURE_REQUIRE
+    if (!prehash) {
+        vireo_trace_at(site, "Ed25519 check not pass: no prehash supplied by -m\n\n");
+        return -1;
+    }
+    if (vireo_signature_block_check(site, head, head_len, prehash) != 0)
+        return -1;
+#else
+    (void)head;
+    (void)head_len;
+    (void)prehash;
+#endif
+    rsa_passed = 1;
+    return 0;
 }
 
 void trace_too_short(uint64_t size)
@@ -129,6 +160,8 @@ int open_input(const char *path, int32_t *size)
 
 } // namespace
 
+#if !VIREO_SIGNATURE_REQUIRE
+
 int32_t vireo_check_rsa(const uint8_t *buf, uint32_t size)
 {
     if (rsa_passed)
@@ -169,7 +202,7 @@ int32_t vireo_check_rsa(const uint8_t *buf, uint32_t size)
         if (!reader.copy(FIRMWARE_SIGNATURE_OFFSET, sizeof(signature), signature))
             return -1;
     }
-    return verify(VIREO_SITE(), signature, digest);
+    return verify(VIREO_SITE(), signature, digest, nullptr, 0, nullptr);
 }
 
 int32_t vireo_check_head_rsa(const char *path)
@@ -218,8 +251,140 @@ int32_t vireo_check_head_rsa(const char *path)
             return 0;
         }) != 0)
         return -1;
-    return verify(VIREO_SITE(), signature, digest);
+    return verify(VIREO_SITE(), signature, digest, nullptr, 0, nullptr);
 }
+
+#else // VIREO_SIGNATURE_REQUIRE
+
+namespace
+{
+
+// One pass over the signed bytes: every chunk is copied (or read) into a chunk of the
+// prehash lane, sealed, digested for RSA, masked and handed to the lane, so that every
+// digest and seal is of the same private copy.
+struct signed_pass {
+    md5_ctx md5;
+    vireo_prehash_lane lane;
+    vireo_seals *seals = nullptr;
+    uint8_t head[SIGBLOCK_END] = {}; // the file's first bytes, as digested
+    uint64_t head_len = 0;
+};
+
+int32_t pass_start(signed_pass *pass, vireo_seals *seals)
+{
+    pass->seals = seals;
+    md5_init(&pass->md5);
+    if (vireo_prehash_lane_start(&pass->lane) != 0) {
+        VIREO_TRACE("Failed to alloc %d bytes memory\n", VIREO_LANE_SLOTS * VIREO_LANE_CHUNK);
+        return -1;
+    }
+    return 0;
+}
+
+// The chunk at file offset pos, n bytes, now in the lane's current slot.
+void pass_chunk(signed_pass *pass, uint64_t pos, uint8_t *chunk, uint32_t n)
+{
+    if (pass->seals)
+        for (uint32_t off = 0; off < n; off += VIREO_SEAL_BLOCK)
+            vireo_seals_record(pass->seals, static_cast<uint32_t>((pos + off) / VIREO_SEAL_BLOCK),
+                               chunk + off,
+                               n - off < VIREO_SEAL_BLOCK ? n - off : VIREO_SEAL_BLOCK);
+    digest_signed(&pass->md5, pos, chunk, n);
+    if (pos < SIGBLOCK_END) {
+        const uint64_t k = pos + n < SIGBLOCK_END ? n : SIGBLOCK_END - pos;
+        memcpy(pass->head + pos, chunk, k);
+        pass->head_len = pos + k;
+    }
+    vireo_sigblock_mask(pos, chunk, n);
+    vireo_prehash_lane_submit(&pass->lane, n);
+}
+
+} // namespace
+
+// -C and -U hold the whole file: its digests are always computed, -m or not.
+int32_t vireo_check_rsa(const uint8_t *buf, uint32_t size)
+{
+    if (rsa_passed)
+        return 0;
+    if (!buf || size < SIGNATURE_END) {
+        trace_too_short(size);
+        return -1;
+    }
+    signed_pass pass;
+    if (pass_start(&pass, vireo_seals_armed_for(buf, size)) != 0)
+        return -1;
+    for (uint64_t pos = 0; pos < size; pos += VIREO_LANE_CHUNK) {
+        const uint32_t n =
+            static_cast<uint32_t>(size - pos < VIREO_LANE_CHUNK ? size - pos : VIREO_LANE_CHUNK);
+        uint8_t *chunk = vireo_prehash_lane_slot(&pass.lane);
+        memcpy(chunk, buf + pos, n);
+        pass_chunk(&pass, pos, chunk, n);
+    }
+    uint8_t digest[16], prehash[SIGBLOCK_PREHASH_SIZE];
+    md5_final(digest, &pass.md5);
+    vireo_prehash_lane_finish(&pass.lane, prehash);
+    return verify(VIREO_SITE(), pass.head + FIRMWARE_SIGNATURE_OFFSET, digest, pass.head,
+                  pass.head_len, prehash);
+}
+
+int32_t vireo_check_head_rsa(const char *path)
+{
+    int32_t size = 0;
+    fd_closer file{open_input(path, &size)};
+    if (file.fd < 0)
+        return -1;
+    signed_pass pass;
+    if (pass_start(&pass, nullptr) != 0)
+        return -1;
+    uint8_t *chunk = vireo_prehash_lane_slot(&pass.lane);
+    // The first chunk holds the signature field and the block whenever the file does.
+    ssize_t got = read_full(file.fd, chunk, VIREO_LANE_CHUNK);
+    if (got < 0) {
+        VIREO_TRACE("Failed to read file '%s'\n", path);
+        return -1;
+    }
+    if (rsa_passed)
+        return 0;
+    if (got < SIGNATURE_END) {
+        trace_too_short(static_cast<uint64_t>(got));
+        return -1;
+    }
+    uint8_t digest[16], prehash[SIGBLOCK_PREHASH_SIZE];
+    if (!digest_from_image) {
+        // -m supplied the digests: the head is not digested.
+        if (!supplied_digest_valid) {
+            VIREO_TRACE("no md5 Rsa check not pass\n\n");
+            return -1;
+        }
+        const uint64_t k = static_cast<uint64_t>(got) < SIGBLOCK_END ? got : SIGBLOCK_END;
+        memcpy(pass.head, chunk, k);
+        return verify(VIREO_SITE(), pass.head + FIRMWARE_SIGNATURE_OFFSET, supplied_digest,
+                      pass.head, k, supplied_prehash_valid ? supplied_prehash : nullptr);
+    }
+    uint64_t pos = 0;
+    // Only the size taken at the start is read: a file that grows meanwhile does not make
+    // the check run on.
+    while (got > 0) {
+        const uint64_t want = static_cast<uint64_t>(size) - pos;
+        const uint32_t use = static_cast<uint32_t>(static_cast<uint64_t>(got) < want ? got : want);
+        pass_chunk(&pass, pos, chunk, use);
+        pos += use;
+        if (pos >= static_cast<uint64_t>(size))
+            break;
+        chunk = vireo_prehash_lane_slot(&pass.lane);
+        got = read_full(file.fd, chunk, VIREO_LANE_CHUNK);
+    }
+    if (got < 0 || pos != static_cast<uint64_t>(size)) {
+        VIREO_TRACE("Failed to read file '%s'\n", path);
+        return -1;
+    }
+    md5_final(digest, &pass.md5);
+    vireo_prehash_lane_finish(&pass.lane, prehash);
+    return verify(VIREO_SITE(), pass.head + FIRMWARE_SIGNATURE_OFFSET, digest, pass.head,
+                  pass.head_len, prehash);
+}
+
+#endif
 
 int32_t vireo_check_md5(const char *path)
 {
@@ -227,19 +392,25 @@ int32_t vireo_check_md5(const char *path)
     fd_closer file{open_input(path, &size)};
     if (file.fd < 0)
         return -1;
-    uint8_t digest[sizeof(supplied_digest)];
-    const ssize_t got = read_full(file.fd, digest, sizeof(digest));
+    // When the build requires the Ed25519 signature, the prehash may follow the digest.
+    uint8_t digest[sizeof(supplied_digest) + sizeof(supplied_prehash)];
+    const size_t want =
+        sizeof(supplied_digest) + (VIREO_SIGNATURE_REQUIRE ? sizeof(supplied_prehash) : 0);
+    const ssize_t got = read_full(file.fd, digest, want);
     if (got < 0) {
         VIREO_TRACE("Failed to read file '%s'\n", path);
         return -1;
     }
     // Fewer than 16 bytes is no digest: nothing is supplied.
-    if (got < static_cast<ssize_t>(sizeof(digest))) {
+    if (got < static_cast<ssize_t>(sizeof(supplied_digest))) {
         VIREO_TRACE("digest file '%s' holds %d bytes, a digest is %d.\n", path,
-                    static_cast<int>(got), static_cast<int>(sizeof(digest)));
+                    static_cast<int>(got), static_cast<int>(sizeof(supplied_digest)));
         return -1;
     }
     memcpy(supplied_digest, digest, sizeof(supplied_digest));
     supplied_digest_valid = 1;
+    supplied_prehash_valid = got == static_cast<ssize_t>(sizeof(digest));
+    if (supplied_prehash_valid)
+        memcpy(supplied_prehash, digest + sizeof(supplied_digest), sizeof(supplied_prehash));
     return 0;
 }

@@ -35,7 +35,7 @@ std::string text(const std::vector<uint8_t> &v, size_t from, size_t len)
 
 // The firmware files: one that fits the device of the check targets, a chain whose second
 // image fits, one accepted through the settings' special ids, one carrying a "ubi"
-// partition, and two images sharing a content.
+// partition, two images sharing a content, and the first with an Ed25519 signature block.
 std::vector<std::vector<uint8_t>> firmware_files()
 {
     const std::string installed = "1.3.0 Build 20261123 Rel.00001";
@@ -58,6 +58,11 @@ std::vector<std::vector<uint8_t>> firmware_files()
     }
     temp_dir dir;
     out.push_back(pack_firmware(dir, two_image_manifest(dir)));
+    // The first file again with an Ed25519 signature block of the test key.
+    set_pack_ed25519_keys({std::string(VIREO_KEY_DIR) + "/vireo_test_ed25519_DO_NOT_SHIP.pem"});
+    temp_dir signed_dir;
+    out.push_back(pack_images(signed_dir, files[0]));
+    set_pack_ed25519_keys({});
     return out;
 }
 

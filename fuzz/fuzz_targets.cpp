@@ -7,6 +7,8 @@
 #include "crypto/vireo_rsa.h"
 #include "firmware/vireo_firmware.h"
 #include "firmware/vireo_firmware_integrity.h"
+#include "firmware/vireo_firmware_keyring.h"
+#include "firmware/vireo_prehash_lane.h"
 #include "firmware/vireo_firmware_records.h"
 #include "firmware/vireo_firmware_seal.h"
 #include "firmware/vireo_firmware_walk.h"
@@ -52,10 +54,30 @@ bool read_and_refuse(const firmware_header *, up_ptn_table *table, const vireo_p
     return false;
 }
 
-// The firmware header and the walk over the chain of images of a whole file. Input: a
-// control byte, then the file. Control & 7 == 0 keeps the signature test (otherwise the
-// structure alone is checked, as after -m); control & 8 walks through sealed copies as the
-// raw-flash upgrade does.
+// The Ed25519 signature block as a build that requires it reads it: parsed, and verified
+// against the built-in ring over the file's prehash, taken through the prehash lane.
+void read_signature_block(const uint8_t *file, uint32_t len)
+{
+    vireo_prehash_lane lane;
+    if (vireo_prehash_lane_start(&lane) != 0)
+        abort();
+    for (uint64_t pos = 0; pos < len; pos += VIREO_LANE_CHUNK) {
+        const uint32_t n =
+            static_cast<uint32_t>(len - pos < VIREO_LANE_CHUNK ? len - pos : VIREO_LANE_CHUNK);
+        uint8_t *chunk = vireo_prehash_lane_slot(&lane);
+        memcpy(chunk, file + pos, n);
+        vireo_sigblock_mask(pos, chunk, n);
+        vireo_prehash_lane_submit(&lane, n);
+    }
+    uint8_t prehash[SIGBLOCK_PREHASH_SIZE];
+    vireo_prehash_lane_finish(&lane, prehash);
+    vireo_signature_block_check(VIREO_SITE(), file, len, prehash);
+}
+
+// The firmware header and the walk over the chain of images of a whole file, and the
+// signature block. Input: a control byte, then the file. Control & 7 == 0 keeps the
+// signature test (otherwise the structure alone is checked, as after -m); control & 8 walks
+// through sealed copies as the raw-flash upgrade does.
 void fuzz_chain(const uint8_t *data, size_t size)
 {
     if (size < 2 || size > INT32_MAX)
@@ -63,6 +85,7 @@ void fuzz_chain(const uint8_t *data, size_t size)
     digest_from_image = (data[0] & 7) == 0;
     const uint8_t *file = data + 1;
     const uint32_t len = static_cast<uint32_t>(size - 1);
+    read_signature_block(file, len);
     firmware_header header;
     vireo_firmware_header_parse(file, static_cast<int32_t>(len), &header, 0);
     vireo_seals seals;

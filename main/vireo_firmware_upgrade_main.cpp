@@ -120,6 +120,15 @@ void usage()
     printf("./vireo_firmware_upgrade -C -u up.bin [ -w ubi -p 0 ]\n");
     printf("./vireo_firmware_upgrade -U -u up.bin [ -w ubi -p 0 ]\n");
     printf("\n");
+#if VIREO_SIGNATURE_REQUIRE
+    // Only this build's usage says more: the default build's text is part of its interface.
+    printf("This build requires, beside the RSA signature, an Ed25519 signature by a key of\n"
+           "its key ring in the firmware header's signature block (-t, -C, -U).\n"
+           "-m DIGEST supplies the digests for -t only (the 16-byte MD5, then the 64-byte\n"
+           "prehash, as vireo_firmware_pack digest writes them): -C and -U always verify\n"
+           "the whole file, -m or not.\n"
+           "\n");
+#endif
 }
 
 int lock_pid_file(const char *path)

@@ -12,7 +12,7 @@ echo "formatting: ok"
 
 # Every file but documents, data, keys and the licence itself.
 missing=$(git ls-files 2>/dev/null |
-    grep -Ev '(\.md|\.json|\.pem|\.txt|^LICENSE|\.gitignore|\.clang-format)$' |
+    grep -Ev '(\.md|\.json|\.pem|\.txt|\.bin|^LICENSE|\.gitignore|\.clang-format)$' |
     while read -r f; do
         [ -f "$f" ] && ! head -n 3 "$f" | grep -q 'SPDX-License-Identifier:' && echo "$f"
     done || true)

@@ -9,7 +9,8 @@ cd "$(dirname "$0")/.."
 
 bash scripts/deps.sh
 bash scripts/deps.sh file g++-aarch64-linux-gnu qemu-user libc6:arm64 libstdc++6:arm64 \
-    libcjson-dev:arm64 libgtest-dev:arm64 libssl-dev:arm64
+    libcjson-dev:arm64 libgtest-dev:arm64 libssl-dev:arm64 libsodium-dev:arm64 \
+    libp11-kit-dev:arm64
 
 cmake -S . -B build-cross -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
     -DVIREO_BUILD_BENCH=OFF >/dev/null

@@ -5,7 +5,8 @@
 set -euo pipefail
 
 packages=(build-essential cmake ninja-build pkg-config libcjson-dev libgtest-dev
-          libbenchmark-dev libssl-dev openssl clang-format)
+          libbenchmark-dev libssl-dev openssl clang-format libsodium-dev softhsm2
+          libengine-pkcs11-openssl opensc libp11-kit-dev)
 [ $# -gt 0 ] && packages=("$@")
 
 missing=()

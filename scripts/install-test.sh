@@ -171,6 +171,17 @@ hook_after_platform() {
         [ "$(printf '%s\n' platform.sh "$hook" | LC_ALL=C sort | tail -n 1)" = "$hook" ]
 }
 check "the hook is a shell library, sourced after a board's platform.sh" hook_after_platform
+signature_settings() {
+    local ring=$root/keys/vireo_test_keyring.txt opts
+    opts=$(pkgmake print-options CONFIG_VIREO_FIRMWARE_UPGRADE_SIGNATURE_REQUIRE=y \
+        CONFIG_VIREO_FIRMWARE_UPGRADE_SIGNATURE_KEYS="\"$ring\"")
+    grep -qw -- "-DVIREO_SIGNATURE_POLICY=require" <<<"$opts" &&
+        grep -qw -- "-DVIREO_SIGNATURE_KEYS=$ring" <<<"$opts" &&
+        ! pkgmake print-options | grep -q VIREO_SIGNATURE &&
+        pkgmake print-depends | grep -qw -- +VIREO_FIRMWARE_UPGRADE_SIGNATURE_REQUIRE:libsodium
+}
+check "the signature policy and key ring settings reach the build; legacy passes none" \
+    signature_settings
 check "the package declares its licence, Apache-2.0, in the project's LICENSE" \
     eval "[ \"\$(pkgmake print-license)\" = 'Apache-2.0 LICENSE' ] &&
           grep -q 'Apache License' LICENSE && grep -q 'Version 2.0, January 2004' LICENSE"

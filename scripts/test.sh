@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Installs what is missing, builds the plain and the sanitizer trees, checks the
-# formatting, runs every test in both trees, the power-cut sweep of the upgrade roads and the
+# formatting, runs every test in both trees, the signature tests in a tree that requires
+# the Ed25519 signature, the power-cut sweep of the upgrade roads and the
 # scenarios of the virtual router, then the aarch64 cross build's tests, the install and
 # packaging checks and the libuci tests, and prints the test share.
 set -euo pipefail
@@ -22,6 +23,12 @@ echo "== tests (plain build) =="
 ctest --test-dir build --output-on-failure -j2 | tee -a "$log" || status=1
 echo "== tests (AddressSanitizer + UndefinedBehaviorSanitizer build) =="
 ctest --test-dir build-asan --output-on-failure -j2 | tee -a "$log" || status=1
+echo "== the Ed25519 signature required: a tree built with VIREO_SIGNATURE_POLICY=require and the test key ring, its signature tests =="
+cmake -S . -B build-require -G Ninja -DVIREO_SIGNATURE_POLICY=require \
+    -DVIREO_SIGNATURE_KEYS=keys/vireo_test_keyring.txt -DVIREO_BUILD_BENCH=OFF >/dev/null
+cmake --build build-require --target vireo_signature_tests
+ctest --test-dir build-require --output-on-failure -j2 \
+    -R '^(SignatureBlock|KeyRing|PrehashLane|SignaturePolicy|TokenSigning)\.' | tee -a "$log" || status=1
 echo "== a power cut at every flash operation of each upgrade road, on the host (scripts/powercut.sh) =="
 VIREO_POWERCUT_BUILD=0 bash scripts/powercut.sh | tee -a "$log" || status=1
 echo "== the tool on the kernel's MTD and UBI drivers (virtual router, rig/run.sh) =="

@@ -90,14 +90,26 @@ std::string fw_manifest(const temp_dir &dir, const std::vector<fw_image> &images
     return s + "]}";
 }
 
+static std::vector<std::string> pack_ed25519_keys;
+
+void set_pack_ed25519_keys(const std::vector<std::string> &pem_paths)
+{
+    pack_ed25519_keys = pem_paths;
+}
+
 std::vector<uint8_t> pack_firmware(const temp_dir &dir, const std::string &manifest,
                                    std::string *error)
 {
     const std::string path = dir.write("manifest.json", manifest);
-    run_result r = run_program(VIREO_PACK_TOOL,
-                               {"build", path, "--key",
-                                std::string(VIREO_KEY_DIR) + "/vireo_test_key_DO_NOT_SHIP.pem",
-                                "-o", dir.join("up.bin")});
+    std::vector<std::string> args = {
+        "build", path,
+        "--key", std::string(VIREO_KEY_DIR) + "/vireo_test_key_DO_NOT_SHIP.pem",
+        "-o",    dir.join("up.bin")};
+    for (const std::string &key : pack_ed25519_keys) {
+        args.push_back("--ed25519-key");
+        args.push_back(key);
+    }
+    run_result r = run_program(VIREO_PACK_TOOL, args);
     if (error)
         *error = r.err;
     if (r.status != 0)

@@ -55,6 +55,10 @@ struct fw_image {
     std::vector<std::pair<std::string, std::string>> parts;             // name, content
 };
 
+// Ed25519 private keys (PEM paths) with which pack_firmware also signs every file from now
+// on, besides the RSA test key; none by default.
+void set_pack_ed25519_keys(const std::vector<std::string> &pem_paths);
+
 // Writes the manifest into dir, packs it with the test key and returns the file's bytes; the
 // file itself is dir/up.bin. Empty (with the pack tool's message in *error) when packing
 // failed.

@@ -35,5 +35,6 @@ void reset_integrity_state()
 {
     digest_from_image = 1;
     supplied_digest_valid = 0;
+    supplied_prehash_valid = 0;
     rsa_passed = 0;
 }

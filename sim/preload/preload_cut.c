@@ -36,7 +36,7 @@ static void meddle(void)
         if (truncate(file, (off_t)at) != 0)
             perror("VIREO_MEDDLE truncate");
     } else if (sscanf(how, "flip:%4095[^:]:%lu", file, &at) == 2) {
-        unsigned char byte;
+        unsigned char byte = 0;
         const int fd = open(file, O_RDWR);
         if (fd < 0 || real_pread(fd, &byte, 1, (off_t)at) != 1)
             perror("VIREO_MEDDLE flip");

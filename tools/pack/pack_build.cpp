@@ -2,6 +2,9 @@
 #include "tools/pack/pack_build.h"
 
 #include "firmware/vireo_firmware_header.h"
+#include "firmware/vireo_firmware_sigblock.h"
+#include "tools/pack/pack_token.h"
+#include "tools/vireo_ed25519_key.h"
 
 #include <cstdio>
 #include <cstring>
@@ -43,8 +46,39 @@ std::string content_id(const bytes &content)
 
 } // namespace
 
-bytes build_firmware(const std::vector<pack_image> &images, EVP_PKEY *key)
+// Writes the signature block of the image at h (len bytes to the end of the file): its
+// fields first, then each key's signature of the prehash, which counts them as zeros.
+static void sign_block(uint8_t *h, size_t len, const std::vector<pack_signer> &keys)
 {
+    uint8_t *b = h + SIGBLOCK_OFFSET;
+    memcpy(b, SIGBLOCK_MAGIC, 4);
+    put_be32(b + 4, SIGBLOCK_VERSION);
+    put_be32(b + 8, static_cast<uint32_t>(keys.size()));
+    for (size_t i = 0; i < keys.size(); i++) {
+        uint8_t *slot = h + SIGBLOCK_FIRST_SLOT + i * SIGBLOCK_SLOT_SIZE;
+        uint8_t pk[32];
+        if (keys[i].token) {
+            const bytes token_pk = token_ed25519_public(keys[i].token);
+            memcpy(pk, token_pk.data(), sizeof(pk));
+        } else if (!vireo_ed25519_public_of(keys[i].pem, pk)) {
+            throw pack_error("not an Ed25519 key");
+        }
+        memcpy(slot, SIGBLOCK_ALG_ED25519_BLAKE2B, 2);
+        vireo_ed25519_key_id(pk, slot + SIGBLOCK_SLOT_KEY_ID);
+    }
+    const bytes prehash = prehash_of(h, len);
+    for (size_t i = 0; i < keys.size(); i++) {
+        const bytes sig = keys[i].token ? token_ed25519_sign(keys[i].token, prehash)
+                                        : ed25519_sign(keys[i].pem, prehash);
+        memcpy(h + vireo_sigblock_sig_offset(static_cast<uint32_t>(i)), sig.data(), sig.size());
+    }
+}
+
+bytes build_firmware(const std::vector<pack_image> &images, const pack_signer &rsa,
+                     const std::vector<pack_signer> &ed25519_keys)
+{
+    if (ed25519_keys.size() > SIGBLOCK_SLOTS)
+        throw pack_error("at most " + std::to_string(SIGBLOCK_SLOTS) + " Ed25519 keys");
     bytes file;
     std::vector<size_t> starts;
     // Contents already stored, found by their SHA-256 and confirmed byte for byte: later
@@ -106,7 +140,12 @@ bytes build_firmware(const std::vector<pack_image> &images, EVP_PKEY *key)
         const size_t len = file.size() - starts[k];
         const bytes md5 = md5_of(h + FIRMWARE_HEADER_SIZE, len - FIRMWARE_HEADER_SIZE);
         memcpy(h + FIRMWARE_MD5_OFFSET, md5.data(), 16);
-        const bytes sig = sign_digest(key, signed_digest(h, len));
+        // The RSA signature last, so that it covers the block too.
+        if (!ed25519_keys.empty())
+            sign_block(h, len, ed25519_keys);
+        const bytes digest = signed_digest(h, len);
+        const bytes sig =
+            rsa.token ? token_sign_digest(rsa.token, digest) : sign_digest(rsa.pem, digest);
         memcpy(h + FIRMWARE_SIGNATURE_OFFSET, sig.data(), FIRMWARE_SIGNATURE_SIZE);
     }
     return file;

@@ -19,5 +19,15 @@ struct pack_image {
 // Reads a manifest; file paths in it are relative to the manifest's folder.
 std::vector<pack_image> read_manifest(const std::string &path);
 
-// The whole firmware file, digests and signatures made with key.
-bytes build_firmware(const std::vector<pack_image> &images, EVP_PKEY *key);
+struct pack_token_key;
+
+// A signing key: loaded from a PEM file, or kept in a PKCS#11 token.
+struct pack_signer {
+    EVP_PKEY *pem = nullptr;
+    pack_token_key *token = nullptr;
+};
+
+// The whole firmware file, digests and signatures made with the RSA key; with Ed25519 keys
+// (at most two), every header also carries a signature block signed by each of them.
+bytes build_firmware(const std::vector<pack_image> &images, const pack_signer &rsa,
+                     const std::vector<pack_signer> &ed25519_keys = {});

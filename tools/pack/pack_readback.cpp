@@ -2,6 +2,7 @@
 #include "tools/pack/pack_readback.h"
 
 #include "firmware/vireo_firmware_header.h"
+#include "firmware/vireo_firmware_keyring.h"
 
 #include <cstdio>
 #include <cstring>
@@ -44,6 +45,8 @@ void print_record(const uint8_t *p, uint32_t size)
 struct inspector {
     const bytes &file;
     EVP_PKEY *key;
+    const std::vector<vireo_ring_key> &ring;
+    bool block_required;
     int problems = 0;
 
     void problem(const std::string &what)
@@ -94,6 +97,7 @@ struct inspector {
         printf("  signature: %s\n", sig_ok ? "valid" : "INVALID");
         if (!sig_ok && index == 0)
             problem("the signature does not verify");
+        block(h, left, index);
         partitions(h + header_len, start + header_len + UP_PTN_TABLE_SIZE);
         *next = nextpos;
         if (nextpos != 0 && (nextpos <= start || nextpos >= file.size())) {
@@ -101,6 +105,49 @@ struct inspector {
             return false;
         }
         return true;
+    }
+
+    // The signature block: each slot's key id and its verdict against the ring.
+    void block(const uint8_t *h, uint64_t left, size_t index)
+    {
+        vireo_sigblock parsed;
+        const char *why = "";
+        if (vireo_sigblock_parse(h, left, &parsed, &why) != 0) {
+            printf("  signature block: %s\n", why);
+            if (block_required && index == 0)
+                problem("no Ed25519 signature block");
+            return;
+        }
+        const bytes prehash = prehash_of(h, left);
+        bool any = false;
+        for (uint32_t i = 0; i < parsed.count; i++) {
+            const vireo_sigblock_slot &slot = parsed.slots[i];
+            char id[17];
+            vireo_sigblock_key_id_hex(id, slot.key_id);
+            std::vector<vireo_ring_key> one;
+            for (const vireo_ring_key &k : ring)
+                if (memcmp(k.id, slot.key_id, sizeof(k.id)) == 0)
+                    one.push_back(k);
+            // The device's verdict on a block holding this slot alone.
+            uint8_t copy[SIGBLOCK_END];
+            memcpy(copy, h, SIGBLOCK_END);
+            memcpy(copy + SIGBLOCK_FIRST_SLOT, copy + SIGBLOCK_FIRST_SLOT + i * SIGBLOCK_SLOT_SIZE,
+                   SIGBLOCK_SLOT_SIZE);
+            put_be32(copy + SIGBLOCK_OFFSET + 8, 1);
+            char ignored[17];
+            const char *verdict = "not in the ring";
+            if (memcmp(slot.alg, SIGBLOCK_ALG_ED25519_BLAKE2B, 2) != 0)
+                verdict = "unknown algorithm";
+            else if (!one.empty())
+                verdict = vireo_keyring_verify(one, copy, SIGBLOCK_END, prehash.data(), &why,
+                                               ignored) == 0
+                              ? "valid"
+                              : "INVALID";
+            any = any || strcmp(verdict, "valid") == 0;
+            printf("  ed25519 signature %u: key %s: %s\n", i, id, verdict);
+        }
+        if (!any && block_required && index == 0)
+            problem("no Ed25519 signature by a key of the ring");
     }
 
     void partitions(const uint8_t *region, uint64_t payload)
@@ -141,11 +188,14 @@ struct inspector {
 
 } // namespace
 
-int inspect_firmware(const std::string &path, EVP_PKEY *key, const std::string &key_name)
+int inspect_firmware(const std::string &path, EVP_PKEY *key, const std::string &key_name,
+                     const std::vector<vireo_ring_key> &ring, const std::string &ring_name,
+                     bool block_required)
 {
     const bytes file = read_all(path);
-    printf("file '%s': %zu bytes, key: %s\n", path.c_str(), file.size(), key_name.c_str());
-    inspector in{file, key};
+    printf("file '%s': %zu bytes, key: %s, key ring: %s\n", path.c_str(), file.size(),
+           key_name.c_str(), ring_name.c_str());
+    inspector in{file, key, ring, block_required};
     uint64_t at = 0;
     for (size_t index = 0;; index++) {
         uint64_t next = 0;

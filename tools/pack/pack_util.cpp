@@ -2,7 +2,9 @@
 #include "tools/pack/pack_util.h"
 
 #include "firmware/vireo_firmware_header.h"
+#include "firmware/vireo_firmware_sigblock.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <openssl/bn.h>
@@ -128,6 +130,39 @@ bytes signed_digest(const uint8_t *image, size_t n)
     memset(copy.data() + FIRMWARE_SIGNATURE_OFFSET - FIRMWARE_SIGNED_FROM, 0,
            FIRMWARE_SIGNATURE_SIZE);
     return md5_of(copy.data(), copy.size());
+}
+
+bytes prehash_of(const uint8_t *image, size_t n)
+{
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    EVP_DigestInit_ex(ctx.get(), EVP_blake2b512(), nullptr);
+    const size_t head = std::min<size_t>(n, SIGBLOCK_END);
+    bytes masked(image, image + head);
+    vireo_sigblock_mask(0, masked.data(), masked.size());
+    EVP_DigestUpdate(ctx.get(), masked.data(), masked.size());
+    const size_t step = 1 << 20;
+    for (size_t done = head; done < n;) {
+        const size_t k = std::min(step, n - done);
+        EVP_DigestUpdate(ctx.get(), image + done, k);
+        done += k;
+        progress("hashing", done, n);
+    }
+    bytes out(SIGBLOCK_PREHASH_SIZE);
+    unsigned int len = 0;
+    EVP_DigestFinal_ex(ctx.get(), out.data(), &len);
+    return out;
+}
+
+bytes ed25519_sign(EVP_PKEY *key, const bytes &prehash)
+{
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    bytes sig(SIGBLOCK_SIG_SIZE);
+    size_t len = sig.size();
+    if (!ctx || EVP_DigestSignInit(ctx.get(), nullptr, nullptr, nullptr, key) != 1 ||
+        EVP_DigestSign(ctx.get(), sig.data(), &len, prehash.data(), prehash.size()) != 1 ||
+        len != SIGBLOCK_SIG_SIZE)
+        throw pack_error("cannot sign with this Ed25519 key");
+    return sig;
 }
 
 static pkey_ptr read_pem(const std::string &pem, bool is_private)

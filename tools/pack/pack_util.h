@@ -37,6 +37,12 @@ bytes md5_of(const uint8_t *data, size_t n);
 // The digest a signature covers: MD5 of bytes 20..end with the signature field zeroed.
 bytes signed_digest(const uint8_t *image, size_t n);
 
+// The Ed25519 prehash of the image at data: BLAKE2b-512 of its n bytes with the RSA
+// signature field and the signature block's signatures counted as zeros.
+bytes prehash_of(const uint8_t *image, size_t n);
+// The 64-byte Ed25519 signature of a prehash.
+bytes ed25519_sign(EVP_PKEY *key, const bytes &prehash);
+
 pkey_ptr load_private_key(const std::string &pem);
 pkey_ptr load_public_key(const std::string &pem);
 // The key of a base64 public-key blob (the built-in key text), or none.
