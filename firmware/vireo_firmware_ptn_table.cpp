@@ -4,6 +4,7 @@
 #include "common/vireo_endian.h"
 #include "common/vireo_file.h"
 #include "common/vireo_platform.h"
+#include "common/vireo_report.h"
 #include "firmware/vireo_firmware.h"
 #include "ptn/vireo_ptn_header.h"
 #include "ptn/vireo_ptn_record.h"
@@ -137,6 +138,12 @@ int32_t take_snapshot(const char *flash, const ptn_table *old_table, const ptn_t
 
 } // namespace
 
+uint32_t vireo_firmware_move_length(const ptn_table *old_table, const ptn_info &new_ptn)
+{
+    const ptn_info *o = old_entry(old_table, new_ptn);
+    return moves(o, new_ptn) ? move_length(*o, new_ptn) : 0;
+}
+
 int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_table *new_table)
 {
     VIREO_ASSERT(old_table);
@@ -165,19 +172,29 @@ int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_ta
             taken = true;
         }
         const std::vector<uint8_t> &copy = snapshot[i];
-        const auto bytes = [&copy](uint32_t done, uint32_t) { return copy.data() + done; };
+        // Written, then read back: the item counts both.
+        vireo_progress_item("moving", n.name, 2ull * copy.size());
+        const auto written = [&copy](uint32_t done, uint32_t chunk) {
+            vireo_progress_done(static_cast<uint64_t>(done) + chunk);
+            return copy.data() + done;
+        };
+        const auto bytes = [&copy](uint32_t done, uint32_t chunk) {
+            vireo_progress_done(copy.size() + done + chunk);
+            return copy.data() + done;
+        };
         // The move is read back like every other write: a place that was not erased
         // does not take the bytes.
         if (n.base > INT32_MAX ||
-            vireo_file_write_by_offset_block_mode(flash, static_cast<int32_t>(n.base), copy.data(),
-                                                  static_cast<int32_t>(copy.size()),
-                                                  MTD_WRITE_BLOCK_SIZE, nullptr) != 0 ||
+            vireo_file_write_units(flash, static_cast<int32_t>(n.base),
+                                   static_cast<int32_t>(copy.size()), MTD_WRITE_BLOCK_SIZE, written,
+                                   nullptr) != 0 ||
             vireo_file_compare_units(flash, static_cast<int32_t>(n.base),
                                      static_cast<int32_t>(copy.size()), MTD_WRITE_BLOCK_SIZE, true,
                                      bytes, nullptr) != 0) {
             VIREO_TRACE("PTN[%s] move to {0x%08x:0x%08x} failed.\n", n.name, n.base, n.size);
             return -1;
         }
+        vireo_progress_item_done();
     }
     return 0;
 }
