@@ -312,9 +312,8 @@ void vireo_progress_item_done()
     tell(true);
     if (state.item_counted)
         state.done += state.item_total;
+    // The item stays on the line, done, until the next one starts.
     state.item_counted = false;
-    state.item_done = 0;
-    state.item_total = 0;
 }
 
 double vireo_progress_percent()

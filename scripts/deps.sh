@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(build-essential cmake ninja-build pkg-config libcjson-dev libgtest-dev
-          libbenchmark-dev libssl-dev openssl clang-format)
+          libbenchmark-dev libssl-dev openssl clang-format tmux)
 [ $# -gt 0 ] && packages=("$@")
 
 missing=()

@@ -12,6 +12,7 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <unistd.h>
 
 namespace
 {
@@ -139,8 +140,8 @@ std::string check_schema(const events &evs, const std::string &what)
 // Trace lines with the addresses and process IDs that differ from run to run taken out.
 std::string comparable(const std::string &out)
 {
-    static const std::regex address("0x[0-9a-f]{9,}|\\(nil\\)"), pid("locked by [0-9]+"),
-        root("/tmp/vireo_test_[A-Za-z0-9]+");
+    static const std::regex address("0x[0-9a-f]{9,}|\\(nil\\)"),
+        pid("locked by [0-9]+|proc/[0-9]+"), root("/tmp/vireo_test_[A-Za-z0-9]+");
     std::string s = std::regex_replace(out, address, "ADDR");
     s = std::regex_replace(s, root, "ROOT");
     return std::regex_replace(s, pid, "locked by PID");
@@ -199,6 +200,7 @@ TEST(Report, EveryCommandOfEveryRoadFollowsTheSchemaAndChangesNoTrace)
         const run_result p = run_road(plain);
         EXPECT_EQ(p.status, r.run.status) << what;
         EXPECT_EQ(comparable(p.out), comparable(r.run.out)) << what;
+        EXPECT_EQ(comparable(p.err), comparable(r.run.err)) << what << ": no terminal, no line";
     }
 }
 
@@ -372,4 +374,56 @@ TEST(Report, RefusedAndUnverifiedImagesSayWhy)
     EXPECT_FALSE(text(evs[1].get(), "reason").empty());
     EXPECT_EQ(text(evs[1].get(), "reason"), text(evs[2].get(), "message"));
     EXPECT_TRUE(has_trace(r.out, text(evs[2].get(), "message"))) << r.out;
+}
+
+// The progress line as a person sees it: -U in a terminal (a tmux pane), its standard
+// output sent to a file, the pane captured once the tool has finished.
+TEST(Progress, TerminalShowsOneLineUpToItsLastState)
+{
+    if (run_program("/bin/sh", {"-c", "command -v tmux"}).status != 0)
+        GTEST_SKIP() << "tmux is not installed (scripts/deps.sh installs it)";
+    upgrade_road road = make_upgrade_road("raw");
+    const fake_root &dev = *road.device;
+    std::string script = "#!/bin/sh\n";
+    for (const std::string &setting : tool_env(dev)) {
+        const size_t eq = setting.find('=');
+        script += "export " + setting.substr(0, eq) + "='" + setting.substr(eq + 1) + "'\n";
+    }
+    script += "'" VIREO_FAKE_ROOT_TOOL "' '" + dev.path + "'";
+    for (const std::string &arg : road.args)
+        script += " '" + arg + "'";
+    script += " >'" + dev.join("out.txt") + "'\necho $? >'" + dev.join("status.txt") +
+              ".new'\nmv '" + dev.join("status.txt.new") + "' '" + dev.join("status.txt") +
+              "'\nexec sleep 60\n";
+    const std::string run = dev.write("run.sh", script);
+    const std::string socket = dev.join("tmux.sock");
+    const auto tmux = [&socket](std::vector<std::string> args) {
+        args.insert(args.begin(), {"-S", socket});
+        return run_program("/usr/bin/env", [&] {
+            std::vector<std::string> all = {"tmux"};
+            all.insert(all.end(), args.begin(), args.end());
+            return all;
+        }());
+    };
+    ASSERT_EQ(0, tmux({"new-session", "-d", "-x", "200", "-y", "20", "sh " + run}).status);
+    std::string status;
+    for (int i = 0; i < 600 && status.empty(); i++) {
+        usleep(100 * 1000);
+        status = read_file(dev.join("status.txt"));
+    }
+    const run_result pane = tmux({"capture-pane", "-p", "-J"});
+    tmux({"kill-server"});
+    ASSERT_EQ("0\n", status) << read_file(dev.join("out.txt"));
+    std::vector<std::string> lines;
+    std::istringstream in(pane.out);
+    // The shell's complaint about the fake tree's missing /proc is not the tool's.
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty() && line.find("oom_score_adj") == std::string::npos)
+            lines.push_back(line);
+    // One line, drawn over and over, left at its last state; nothing of standard output.
+    ASSERT_EQ(1u, lines.size()) << pane.out;
+    EXPECT_TRUE(std::regex_search(lines[0],
+                                  std::regex("^flags extra-para +64\\.0 KiB/64\\.0 KiB +100\\.0%")))
+        << lines[0];
+    EXPECT_NE(std::string::npos, read_file(dev.join("out.txt")).find("[TRACE]"));
 }
