@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <csignal>
 #include <ctime>
 #include <string>
 #include <sys/ioctl.h>
@@ -171,7 +172,8 @@ void tell(bool forced)
 
 int32_t vireo_report_open(const char *path)
 {
-    FILE *f = fopen(path, "w");
+    // Not inherited by the shell commands an upgrade runs.
+    FILE *f = fopen(path, "we");
     if (!f) {
         fprintf(stderr, "cannot write the report to %s: %s\n", path, strerror(errno));
         return -1;
@@ -215,16 +217,39 @@ cJSON *vireo_report_event(const char *event)
     return obj;
 }
 
+// Writes one line to the report. A reader that has gone away must not end the upgrade:
+// SIGPIPE is held back while the line is written, and the report stops at the first error.
+static void write_line(const char *text)
+{
+    sigset_t pipe_only, old, pending;
+    sigemptyset(&pipe_only);
+    sigaddset(&pipe_only, SIGPIPE);
+    sigprocmask(SIG_BLOCK, &pipe_only, &old);
+    sigpending(&pending);
+    const bool was_pending = sigismember(&pending, SIGPIPE) == 1;
+    // A program reading the report sees each event as it happens.
+    const bool ok =
+        fputs(text, state.file) >= 0 && fputc('\n', state.file) != EOF && fflush(state.file) == 0;
+    if (!ok) {
+        fprintf(stderr, "cannot write the report any more: %s\n", strerror(errno));
+        fclose(state.file);
+        state.file = nullptr;
+    }
+    sigpending(&pending);
+    if (!was_pending && sigismember(&pending, SIGPIPE) == 1) {
+        const timespec none{0, 0};
+        sigtimedwait(&pipe_only, nullptr, &none);
+    }
+    sigprocmask(SIG_SETMASK, &old, nullptr);
+}
+
 void vireo_report_write(cJSON *event)
 {
     if (!event)
         return;
     char *text = state.file ? cJSON_PrintUnformatted(event) : nullptr;
     if (text) {
-        fputs(text, state.file);
-        fputc('\n', state.file);
-        // A program reading the report sees each event as it happens.
-        fflush(state.file);
+        write_line(text);
         cJSON_free(text);
     }
     cJSON_Delete(event);

@@ -11,7 +11,10 @@
 #include <gtest/gtest.h>
 #include <regex>
 #include <set>
+#include <fcntl.h>
+#include <spawn.h>
 #include <sstream>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace
@@ -426,4 +429,42 @@ TEST(Progress, TerminalShowsOneLineUpToItsLastState)
                                   std::regex("^flags extra-para +64\\.0 KiB/64\\.0 KiB +100\\.0%")))
         << lines[0];
     EXPECT_NE(std::string::npos, read_file(dev.join("out.txt")).find("[TRACE]"));
+}
+
+TEST(Report, AReaderThatGoesAwayDoesNotStopTheUpgrade)
+{
+    // The report goes to a pipe whose reader is gone before the tool starts.
+    const upgrade_road road = make_upgrade_road("raw");
+    const fake_root &dev = *road.device;
+    int p[2];
+    ASSERT_EQ(0, pipe(p));
+    close(p[0]);
+    std::vector<std::string> words = {VIREO_FAKE_ROOT_TOOL, dev.path};
+    words.insert(words.end(), road.args.begin(), road.args.end());
+    words.insert(words.end(), {"--report", "/dev/fd/3"});
+    std::vector<char *> argv, envp;
+    for (std::string &w : words)
+        argv.push_back(&w[0]);
+    argv.push_back(nullptr);
+    std::vector<std::string> env = tool_env(dev);
+    for (std::string &e : env)
+        envp.push_back(&e[0]);
+    envp.push_back(nullptr);
+    const std::string out = dev.join("out.txt"), err = dev.join("err.txt");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, p[1], 3);
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = 0;
+    ASSERT_EQ(0, posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()));
+    posix_spawn_file_actions_destroy(&actions);
+    close(p[1]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+    EXPECT_EQ(0, WEXITSTATUS(status)) << read_file(out);
+    EXPECT_NE(std::string::npos, read_file(err).find("cannot write the report any more"))
+        << read_file(err);
+    EXPECT_EQ(road.flag_done, content_of(dev.bytes(road.flag))) << "the upgrade went to its end";
 }
