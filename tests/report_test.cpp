@@ -468,3 +468,21 @@ TEST(Report, AReaderThatGoesAwayDoesNotStopTheUpgrade)
         << read_file(err);
     EXPECT_EQ(road.flag_done, content_of(dev.bytes(road.flag))) << "the upgrade went to its end";
 }
+
+TEST(Report, UbiImageOfAnOlderVersionIsRefusedWithTheVersionTest)
+{
+    upgrade_road road = make_upgrade_road("ubi");
+    road.args[0] = "-C";
+    const std::string path = road.device->join("report.json");
+    road.args.insert(road.args.end(), {"--report", path});
+    const std::string record = with_content_header(fwinfo_json("1.2.0 Build 1 Rel.1"));
+    pack_images(*road.device, {{kFits, "", "", {{"firmware-info.b", record}}}});
+    const run_result r = run_road(road);
+    EXPECT_EQ(255, r.status);
+    const events evs = read_events(path);
+    EXPECT_EQ("sir", check_schema(evs, "older version"));
+    ASSERT_EQ(3u, evs.size());
+    EXPECT_EQ("firmware software version is unmatch", text(evs[1].get(), "reason"));
+    EXPECT_EQ("1.2.0", text(member(evs[1].get(), "firmware"), "version"));
+    EXPECT_EQ("firmware software version is unmatch", text(evs[2].get(), "message"));
+}
