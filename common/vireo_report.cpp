@@ -184,6 +184,7 @@ int32_t vireo_report_open(const char *path)
 
 void vireo_progress_open()
 {
+#ifndef VIREO_NO_TERMINAL_PROGRESS
     if (!isatty(STDERR_FILENO))
         return;
     state.tty = true;
@@ -191,6 +192,7 @@ void vireo_progress_open()
     winsize ws{};
     if (ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0)
         state.columns = ws.ws_col;
+#endif
 }
 
 bool vireo_report_on()

@@ -12,7 +12,8 @@
 // Opens the report file for writing (truncated; /dev/fd/N names an open descriptor); 0, or
 // -1 with the reason on standard error, the command then running without a report.
 int32_t vireo_report_open(const char *path);
-// Turns the progress line on when standard error is a terminal.
+// Turns the progress line on when standard error is a terminal (and the build keeps it:
+// VIREO_TERMINAL_PROGRESS).
 void vireo_progress_open();
 // Whether a report or a progress line is being kept.
 bool vireo_report_on();

@@ -383,6 +383,8 @@ TEST(Report, RefusedAndUnverifiedImagesSayWhy)
 // output sent to a file, the pane captured once the tool has finished.
 TEST(Progress, TerminalShowsOneLineUpToItsLastState)
 {
+    if (!VIREO_PROGRESS_LINE)
+        GTEST_SKIP() << "built without the progress line (VIREO_TERMINAL_PROGRESS=OFF)";
     if (run_program("/bin/sh", {"-c", "command -v tmux"}).status != 0)
         GTEST_SKIP() << "tmux is not installed (scripts/deps.sh installs it)";
     upgrade_road road = make_upgrade_road("raw");
