@@ -161,7 +161,10 @@ void tell(bool forced)
         state.reported = whole;
         write_progress();
     }
-    if (state.tty) {
+    // When standard output is the same terminal, the phases whose record reads print
+    // tables are not drawn: a table printed after the line would continue it.
+    const bool prints = state.phase == "verifying" || state.phase == "flags";
+    if (state.tty && !(state.stdout_tty && prints)) {
         const double t = now();
         if (forced || t - state.drawn_time >= kDrawInterval)
             draw(t);
