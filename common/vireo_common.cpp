@@ -1,14 +1,53 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "common/vireo_common.h"
 
+#include "common/vireo_report.h"
+
 #include <cstdarg>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 #include <vector>
 
 static const char VIREO_MODULE[] = "vireo_common";
 
+static int trace_muted = 0;
+
+vireo_trace_mute::vireo_trace_mute()
+{
+    if (trace_muted++ > 0)
+        return;
+    fflush(stdout);
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    saved = null < 0 ? -1 : fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+    if (saved >= 0 && dup2(null, STDOUT_FILENO) < 0) {
+        close(saved);
+        saved = -1;
+    }
+    if (null >= 0)
+        close(null);
+}
+
+vireo_trace_mute::~vireo_trace_mute()
+{
+    trace_muted--;
+    if (saved < 0)
+        return;
+    fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+}
+
 static void trace_v(const char *module, int line, const char *func, const char *fmt, va_list ap)
 {
+    if (trace_muted)
+        return;
+    if (vireo_report_on()) {
+        va_list copy;
+        va_copy(copy, ap);
+        vireo_report_trace(fmt, copy);
+        va_end(copy);
+    }
     printf("%s:%d: [TRACE]%s() | ", module, line, func);
     vprintf(fmt, ap);
 }

@@ -27,6 +27,17 @@ struct vireo_trace_site {
 void vireo_trace_at(const vireo_trace_site &site, const char *fmt, ...)
     __attribute__((format(printf, 2, 3)));
 
+// While one lives nothing reaches standard output, neither trace lines nor the dumps of
+// the record readers: records read for the report alone must not change what a command
+// prints.
+struct vireo_trace_mute {
+    vireo_trace_mute();
+    ~vireo_trace_mute();
+    vireo_trace_mute(const vireo_trace_mute &) = delete;
+    vireo_trace_mute &operator=(const vireo_trace_mute &) = delete;
+    int saved = -1; // standard output while it points elsewhere
+};
+
 // Progress mark used next to trace lines by the boot-flag records.
 #define VIREO_PROGRESS() printf("[%s]%d\n", __func__, __LINE__)
 

@@ -326,7 +326,8 @@ int32_t vireo_ubi_write_stream(const char *path, int32_t len, uint32_t max_chunk
     // the new ones, where an interrupted update leaves the volume damaged. The bytes read
     // back are the same either way. A damaged volume (its reads refused) is mended by an
     // update only, and so is any volume where the change is refused.
-    const int leb = len > 0 ? ubi_volume_single_leb(lib.get(), dev_num, vol_id) : 0;
+    const int leb =
+        VIREO_POWER_CUT_RECOVERY && len > 0 ? ubi_volume_single_leb(lib.get(), dev_num, vol_id) : 0;
     uint8_t first;
     const bool atomic = leb > 0 && len <= leb && pread(vol.fd, &first, 1, 0) == 1 &&
                         ubi_leb_change_start(lib.get(), vol.fd, 0, len) == 0;

@@ -12,6 +12,9 @@
 #include <functional>
 #include <vector>
 
+// The UBI device an image carrying "ubi" attaches "extra-para-ubi" as.
+#define VIREO_RAW_UBI_DEVICE 4
+
 // 0 when an image of the file fits this device, else -1.
 int32_t vireo_firmware_check(const char *up_path);
 // 0 when an image of the file was installed, else -1.
@@ -61,5 +64,11 @@ int32_t vireo_firmware_update_ptn(const ptn_table *old_table, const firmware_hea
 int32_t vireo_firmware_update_ptn_content(const ptn_table *new_table, up_ptn_table *up_ptn_table,
                                           int32_t table_changed, const vireo_payload &payload,
                                           int32_t ubi_device);
+// Renames an entry to the slot it is written to, by the scores of the two images: "ubi" and
+// "firmware-info" may go to their ".b" twins.
+void vireo_firmware_choose_slot(up_ptn_info *entry, bool has_ubi, int32_t pscore, int32_t bscore);
+// The bytes a partition of the new table carries from its old place; 0 when it does not move
+// (or is new).
+uint32_t vireo_firmware_move_length(const ptn_table *old_table, const ptn_info &new_ptn);
 // 1 when an entry is named "ubi", else 0.
 int32_t vireo_firmware_up_ptn_table_has_ubi(const up_ptn_table *up_ptn_table);

@@ -2,6 +2,7 @@
 #include "firmware/vireo_firmware.h"
 
 #include "common/vireo_common.h"
+#include "firmware/vireo_firmware_report.h"
 #include "firmware/vireo_firmware_walk.h"
 
 static const char VIREO_MODULE[] = "vireo_firmware";
@@ -31,6 +32,7 @@ int32_t vireo_firmware_check(const char *up_path)
                                  "Firmware is not allowed to upgrade into this device.\n", fits,
                                  &found) != 0)
         return -1;
+    vireo_report_plan_raw(flash.get(), found.table.get(), found.payload, VIREO_RAW_UBI_DEVICE);
     VIREO_TRACE("Firmware is upgradable for this DEVICE. \n");
     return 0;
 }

@@ -3,6 +3,7 @@
 
 #include "common/vireo_common.h"
 #include "common/vireo_file.h"
+#include "common/vireo_report.h"
 
 static const char VIREO_MODULE[] = "vireo_firmware";
 
@@ -42,17 +43,25 @@ int32_t vireo_firmware_write_entry(const vireo_payload &payload, const up_ptn_in
     if (!source.start || entry->size > INT32_MAX)
         return -1;
     const int32_t len = static_cast<int32_t>(entry->size);
-    const auto next = [&source](uint32_t done, uint32_t chunk) { return source.read(done, chunk); };
+    const auto next = [&source](uint32_t done, uint32_t chunk) {
+        vireo_progress_done(static_cast<uint64_t>(done) + chunk);
+        return source.read(done, chunk);
+    };
     // Every content goes onto the partition "mtd erase" has just erased.
+    vireo_progress_item("writing", entry->name, entry->size);
     if (vireo_file_write_units(path, offset, len, MTD_WRITE_BLOCK_SIZE, next, nullptr, true) != 0)
         return -1;
+    vireo_progress_item_done();
+    vireo_progress_item("reading back", entry->name, entry->size);
     // What the flash holds now decides, not what the write reported: an erase that did
     // not happen shows here.
     int64_t at = 0;
     const int32_t same = vireo_file_compare_units(check_path, check_offset, len,
                                                   MTD_WRITE_BLOCK_SIZE, true, next, &at);
-    if (same == 0)
+    if (same == 0) {
+        vireo_progress_item_done();
         return 0;
+    }
     if (same > 0)
         VIREO_TRACE("PTN[%s] reads back other bytes than written, at 0x%08x of %s.\n", entry->name,
                     static_cast<uint32_t>(at), check_path);

@@ -4,6 +4,7 @@
 #include "common/vireo_endian.h"
 #include "common/vireo_file.h"
 #include "common/vireo_platform.h"
+#include "common/vireo_report.h"
 #include "firmware/vireo_firmware.h"
 #include "firmware/vireo_firmware_content.h"
 #include "ptn/vireo_ptn_header.h"
@@ -130,6 +131,12 @@ int32_t take_snapshot(const char *flash, const ptn_table *old_table, const ptn_t
 
 } // namespace
 
+uint32_t vireo_firmware_move_length(const ptn_table *old_table, const ptn_info &new_ptn)
+{
+    const ptn_info *o = old_entry(old_table, new_ptn);
+    return moves(o, new_ptn) ? move_length(*o, new_ptn) : 0;
+}
+
 std::vector<vireo_ptn_move> vireo_firmware_ptn_moves(const ptn_table *old_table,
                                                      const ptn_table *new_table)
 {
@@ -168,14 +175,21 @@ int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_ta
             started = true;
         }
         const uint32_t len = move_length(*o, n);
-        const auto bytes = [&hooks, i](uint32_t done, uint32_t chunk) {
+        // Written, then read back: the item counts both.
+        vireo_progress_item("moving", n.name, 2ull * len);
+        const auto written = [&hooks, i](uint32_t done, uint32_t chunk) {
+            vireo_progress_done(static_cast<uint64_t>(done) + chunk);
+            return hooks.bytes(i, done, chunk);
+        };
+        const auto bytes = [&hooks, i, len](uint32_t done, uint32_t chunk) {
+            vireo_progress_done(uint64_t{len} + done + chunk);
             return hooks.bytes(i, done, chunk);
         };
         // The move is read back like every other write: a place that was not erased
         // does not take the bytes.
         if (n.base > INT32_MAX ||
             vireo_file_write_units(flash, static_cast<int32_t>(n.base), static_cast<int32_t>(len),
-                                   MTD_WRITE_BLOCK_SIZE, bytes, nullptr) != 0 ||
+                                   MTD_WRITE_BLOCK_SIZE, written, nullptr) != 0 ||
             vireo_file_compare_units(flash, static_cast<int32_t>(n.base), static_cast<int32_t>(len),
                                      MTD_WRITE_BLOCK_SIZE, true, bytes, nullptr) != 0) {
             VIREO_TRACE("PTN[%s] move to {0x%08x:0x%08x} failed.\n", n.name, n.base, n.size);
@@ -183,6 +197,7 @@ int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_ta
         }
         if (hooks.moved(i) != 0)
             return -1;
+        vireo_progress_item_done();
     }
     return 0;
 }

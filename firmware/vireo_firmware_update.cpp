@@ -3,8 +3,10 @@
 #include "common/vireo_device.h"
 #include "common/vireo_file.h"
 #include "common/vireo_platform.h"
+#include "common/vireo_report.h"
 #include "firmware/vireo_firmware.h"
 #include "firmware/vireo_firmware_journal.h"
+#include "firmware/vireo_firmware_report.h"
 #include "ptn/vireo_extra_para.h"
 #include "ptn/vireo_ptn_header.h"
 #include "ptn/vireo_ptn_record.h"
@@ -15,7 +17,7 @@
 
 static const char VIREO_MODULE[] = "vireo_firmware";
 
-#define UBI_DEVICE_NUMBER 4
+#define UBI_DEVICE_NUMBER VIREO_RAW_UBI_DEVICE
 #define FLAG_WRITE_RETRIES 3
 
 namespace
@@ -93,6 +95,7 @@ int32_t raw_flags_off(const ptn_table *old_table, raw_flags *f)
     }
     if (!f->present())
         return 0;
+    vireo_progress_item("flags", "extra-para", f->size, false);
     if (vireo_get_mtdpath_by_partition_name("extra-para", f->path) != 0)
         return -1;
     vireo_record_words words;
@@ -109,6 +112,7 @@ int32_t raw_flags_off(const ptn_table *old_table, raw_flags *f)
         VIREO_TRACE("extra-para[%s] does not read back as flagged off.\n", f->path);
         return -1;
     }
+    vireo_progress_item_done();
     return 0;
 }
 
@@ -118,6 +122,7 @@ int32_t raw_flags_on(raw_flags *f)
     words.read_failed = "failed to read extra-para content.\n";
     words.invalid = vireo_strf("flash[0x%08x] is not a valid partition.\n", f->base);
     words.no_content = "failed to get extra-para content.\n";
+    vireo_progress_item("flags", "extra-para", f->size, false);
     for (int attempt = 0;; attempt++) {
         if (write_raw_flags(f, true))
             VIREO_TRACE("Success to set flag on extra-para[%s], offset:0x%08x, size:0x%08x.\n",
@@ -127,8 +132,10 @@ int32_t raw_flags_on(raw_flags *f)
         std::unique_ptr<extra_para_table, decltype(&vireo_extra_para_table_destroy)> table(
             vireo_extra_para_table_build_by_json_data(f->rec.text(), f->rec.length),
             vireo_extra_para_table_destroy);
-        if (!table || strcmp(table->fw_flag, "GOOD") == 0 || attempt == FLAG_WRITE_RETRIES)
+        if (!table || strcmp(table->fw_flag, "GOOD") == 0 || attempt == FLAG_WRITE_RETRIES) {
+            vireo_progress_item_done();
             return 0;
+        }
         VIREO_TRACE("failed to get extra-para GOOD try again.\n");
     }
 }
@@ -147,8 +154,9 @@ bool extents_inside(const up_ptn_table *up_table, const vireo_payload &payload)
     return true;
 }
 
-// The slot an entry is written to, by the scores of the two images.
-void choose_slot(up_ptn_info *e, bool has_ubi, int32_t pscore, int32_t bscore)
+} // namespace
+
+void vireo_firmware_choose_slot(up_ptn_info *e, bool has_ubi, int32_t pscore, int32_t bscore)
 {
     if (strcmp(e->name, "ubi") == 0 && pscore >= bscore)
         strcpy(e->name, "ubi.b");
@@ -156,8 +164,6 @@ void choose_slot(up_ptn_info *e, bool has_ubi, int32_t pscore, int32_t bscore)
              (has_ubi ? pscore >= bscore : pscore <= bscore))
         strcpy(e->name, "firmware-info.b");
 }
-
-} // namespace
 
 int32_t vireo_firmware_up_ptn_table_has_ubi(const up_ptn_table *up_table)
 {
@@ -181,7 +187,7 @@ int32_t vireo_firmware_update_ptn_content(const ptn_table *new_table, up_ptn_tab
             VIREO_TRACE("PTN[%s] no changed, no need to update content\n", "partition-table");
             continue;
         }
-        choose_slot(e, has_ubi, pscore, bscore);
+        vireo_firmware_choose_slot(e, has_ubi, pscore, bscore);
         VIREO_TRACE("%s %d up_ptn_table->ptns[up_ptn_index].name[%s] .\n", __func__, __LINE__,
                     e->name);
         const int32_t index = vireo_ptn_get_index_by_name(new_table, e->name);
@@ -195,7 +201,9 @@ int32_t vireo_firmware_update_ptn_content(const ptn_table *new_table, up_ptn_tab
             return -1;
         char command[1024];
         snprintf(command, sizeof(command), "mtd erase %s", e->name);
+        vireo_progress_item("erasing", e->name, dev.size);
         run(command);
+        vireo_progress_item_done();
         // BL2 and FIP go through the whole flash at the new table's base.
         const bool whole = strcmp(e->name, "BL2") == 0 || strcmp(e->name, "FIP") == 0;
         char block0[256], flash[256];
@@ -227,6 +235,9 @@ int32_t vireo_firmware_update_ptn(const ptn_table *old_table, const firmware_hea
         return -1;
     const bool has_ubi = vireo_firmware_up_ptn_table_has_ubi(up_table) == 1;
     raw_flags flags;
+    const auto plan = [&] {
+        vireo_report_plan_raw(old_table, up_table, payload, UBI_DEVICE_NUMBER);
+    };
     const int32_t ubi_mtd = has_ubi ? get_mtd_index_by_name("extra-para-ubi") : -1;
     char command[128];
     if (has_ubi) {
@@ -239,15 +250,22 @@ int32_t vireo_firmware_update_ptn(const ptn_table *old_table, const firmware_hea
             snprintf(command, sizeof(command), "ubiattach -m %d -d %d", ubi_mtd, UBI_DEVICE_NUMBER);
             run(command);
         }
+        plan();
+        vireo_progress_item("flags", "extra-para, extra-para.b", 0, false);
         if (vireo_firmware_pre_update(UBI_DEVICE_NUMBER) != 0)
             return -1;
-    } else if (raw_flags_off(old_table, &flags) != 0) {
-        return -1;
+        vireo_progress_item_done();
+    } else {
+        plan();
+        if (raw_flags_off(old_table, &flags) != 0)
+            return -1;
     }
     // The moves go under a journal on flash where there is room for one, so that a power
     // cut before the new table is written loses none of what they carry.
     vireo_journal journal;
-    if (vireo_journal_moves(old_table, new_table.get(), up_table, payload, &journal) != 0) {
+    if ((VIREO_POWER_CUT_RECOVERY
+             ? vireo_journal_moves(old_table, new_table.get(), up_table, payload, &journal)
+             : vireo_firmware_update_ptn_table(old_table, new_table.get())) != 0) {
         VIREO_TRACE("Faield to update ptn-table.\n");
         return -1;
     }
@@ -263,7 +281,9 @@ int32_t vireo_firmware_update_ptn(const ptn_table *old_table, const firmware_hea
     }
     VIREO_TRACE("Success to update ptn-table.\n");
     if (has_ubi) {
+        vireo_progress_item("flags", "extra-para, extra-para.b", 0, false);
         vireo_firmware_post_update(UBI_DEVICE_NUMBER);
+        vireo_progress_item_done();
         if (ubi_mtd >= 0) {
             snprintf(command, sizeof(command), "ubidetach -m %d", ubi_mtd);
             run(command);

@@ -54,7 +54,7 @@ int32_t vireo_firmware_upgrade(const char *up_path)
 {
     // A layout change that a power cut interrupted is finished first, from its journal:
     // until then the flash holds neither the old layout nor the new one.
-    if (vireo_journal_resume() != 0) {
+    if (VIREO_POWER_CUT_RECOVERY && vireo_journal_resume() != 0) {
         VIREO_TRACE("Failed to upgrade firmware into this device.\n");
         return -1;
     }

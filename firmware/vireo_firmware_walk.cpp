@@ -2,6 +2,8 @@
 #include "firmware/vireo_firmware_walk.h"
 
 #include "common/vireo_file.h"
+#include "common/vireo_report.h"
+#include "firmware/vireo_firmware_report.h"
 
 #include <cstring>
 
@@ -44,9 +46,12 @@ int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, u
         const int32_t left = static_cast<int32_t>(size - offset);
         vireo_trace_at(site, "up.bin buf  = %p\n", static_cast<const void *>(image));
         vireo_trace_at(site, "up.bin size = %d (0x%08x)\n", left, static_cast<uint32_t>(left));
+        vireo_progress_item("verifying", vireo_strf("image at %u", offset).c_str(),
+                            left > 0 ? static_cast<uint64_t>(left) : 0);
         firmware_header_ptr header(vireo_firmware_header_build(image, left), free);
         if (!header) {
             vireo_trace_at(site, "Firmware header validate *FAILED*.\n");
+            vireo_report_image(offset, false, false, nullptr, nullptr);
             return -1;
         }
         up_ptn_table_ptr table(
@@ -55,13 +60,21 @@ int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, u
             vireo_firmware_up_ptn_table_destroy);
         if (!table) {
             vireo_trace_at(site, "Failed to parse up_ptn_table.\n");
+            vireo_report_image(offset, false, false, nullptr, nullptr);
             return -1;
         }
         vireo_payload payload{};
-        if (vireo_firmware_payload(file, size, offset, header.get(), &payload) != 0)
+        if (vireo_firmware_payload(file, size, offset, header.get(), &payload) != 0) {
+            vireo_report_image(offset, false, false, nullptr, nullptr);
             return -1;
+        }
         payload.seals = seals;
-        if (fits(header.get(), table.get(), payload)) {
+        // What was traced up to here tells how the image was read, not why it is refused.
+        vireo_report_mark();
+        const bool fit = fits(header.get(), table.get(), payload);
+        vireo_progress_item_done();
+        if (fit) {
+            vireo_report_image(offset, true, true, table.get(), &payload);
             found->header = std::move(header);
             found->table = std::move(table);
             found->offset = offset;
@@ -69,6 +82,7 @@ int32_t vireo_firmware_walk(const vireo_trace_site &site, const uint8_t *file, u
             return 0;
         }
         vireo_trace_at(site, "%s", refused);
+        vireo_report_image(offset, true, false, table.get(), &payload);
         int32_t next = 0;
         if (vireo_firmware_chain_next(static_cast<int32_t>(offset), header.get(),
                                       static_cast<int32_t>(size), &next) != 1)

@@ -3,6 +3,7 @@
 
 #include "common/vireo_common.h"
 #include "common/vireo_platform.h"
+#include "common/vireo_report.h"
 #include "firmware/vireo_firmware.h"
 #include "firmware/vireo_firmware_integrity.h"
 #include "ubi/vireo_ubi.h"
@@ -12,6 +13,7 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <unistd.h>
+#include <vector>
 
 namespace
 {
@@ -29,6 +31,7 @@ struct cmdline {
     const char *work_mode;
     const char *head_path;
     int32_t head_result;
+    const char *report_path; // --report
 };
 
 const option long_options[] = {
@@ -45,8 +48,77 @@ const option long_options[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+// The long option "--report" (spelled whole) is taken out of the command line before the
+// other options are read, so that they are read exactly as without it: no abbreviation of
+// theirs becomes ambiguous. A word that is another option's argument is left alone.
+const char kReport[] = "--report";
+
+// The option taking the next word as its argument, for a word that is an option.
+bool takes_next_word(const char *word)
+{
+    if (word[0] != '-' || word[1] == '\0')
+        return false;
+    if (word[1] != '-') {
+        // A cluster of short options: the first that takes an argument takes the rest of
+        // the word, or the next word when it ends the cluster.
+        for (const char *c = word + 1; *c; c++)
+            if (strchr("pPuwmt", *c))
+                return c[1] == '\0';
+        return false;
+    }
+    const char *name = word + 2;
+    if (strchr(name, '='))
+        return false;
+    const option *found = nullptr;
+    int prefixed = 0;
+    for (const option *o = long_options; o->name; o++) {
+        if (strcmp(o->name, name) == 0)
+            return o->has_arg == required_argument;
+        if (strncmp(o->name, name, strlen(name)) == 0) {
+            found = o;
+            prefixed++;
+        }
+    }
+    return prefixed == 1 && found->has_arg == required_argument;
+}
+
+// The words of argv without "--report FILE" or "--report=FILE" (FILE kept in cmd), ending
+// with a null; usage is asked for when "--report" ends the line without its FILE.
+std::vector<char *> take_report_option(int argc, char **argv, cmdline *cmd)
+{
+    std::vector<char *> words(argv, argv + argc);
+    std::vector<char *> kept;
+    const size_t n = strlen(kReport);
+    for (size_t i = 0; i < words.size(); i++) {
+        char *word = words[i];
+        if (i > 0 && strcmp(word, "--") == 0) {
+            kept.insert(kept.end(), words.begin() + static_cast<long>(i), words.end());
+            break;
+        }
+        if (i > 0 && strncmp(word, kReport, n) == 0 && (word[n] == '\0' || word[n] == '=')) {
+            if (word[n] == '=') {
+                cmd->report_path = word + n + 1;
+            } else if (i + 1 < words.size()) {
+                cmd->report_path = words[++i];
+            } else {
+                fprintf(stderr, "%s: option '%s' requires an argument\n", argv[0], kReport);
+                cmd->usage_requested = true;
+            }
+            continue;
+        }
+        kept.push_back(word);
+        if (i > 0 && takes_next_word(word) && i + 1 < words.size())
+            kept.push_back(words[++i]);
+    }
+    kept.push_back(nullptr);
+    return kept;
+}
+
 void parse_options(int argc, char **argv, cmdline *cmd)
 {
+    std::vector<char *> words = take_report_option(argc, argv, cmd);
+    argc = static_cast<int>(words.size()) - 1;
+    argv = words.data();
     int c;
     while ((c = getopt_long(argc, argv, "hsp:UP:u:Cw:m:t:r", long_options, nullptr)) != -1) {
         switch (c) {
@@ -110,6 +182,23 @@ void protect_from_oom_killer()
     if (system(command) == -1) {
         // The outcome of the shell command is not examined.
     }
+}
+
+// Runs a command with its report and progress line, when asked for; returns its exit status.
+// file: the firmware file (none for a roll-back).
+template <typename F>
+int with_report(const cmdline &cmd, const char *command, const char *file, F &&run)
+{
+    if (cmd.report_path)
+        vireo_report_open(cmd.report_path);
+    vireo_progress_open();
+    vireo_report_start(command, file, cmd.work_mode);
+    const int32_t result = run();
+    // A roll-back's own failure does not change the exit status.
+    const int32_t status = strcmp(command, "roll-back") == 0 ? 0 : result;
+    vireo_report_result(status, result);
+    vireo_report_close();
+    return status;
 }
 
 } // namespace
@@ -183,10 +272,10 @@ int vireo_firmware_upgrade_main(int argc, char **argv)
         usage();
         return 0;
     }
-    if (cmd.roll_back) {
-        vireo_firmware_roll_back_ubi(static_cast<uint32_t>(cmd.ubi_id));
-        return 0;
-    }
+    if (cmd.roll_back)
+        return with_report(cmd, "roll-back", nullptr, [&cmd] {
+            return vireo_firmware_roll_back_ubi(static_cast<uint32_t>(cmd.ubi_id));
+        });
     if (cmd.head_path)
         return cmd.head_result;
     if (cmd.show) {
@@ -197,11 +286,12 @@ int vireo_firmware_upgrade_main(int argc, char **argv)
         show_ptn_table(cmd.ptn_table_path);
         return 0;
     }
-    if (cmd.check) {
-        if (is_ubi_mode(cmd))
-            return vireo_firmware_check_ubi(static_cast<uint32_t>(cmd.ubi_id), cmd.up_path);
-        return vireo_firmware_check(cmd.up_path);
-    }
+    if (cmd.check)
+        return with_report(cmd, "check", cmd.up_path, [&cmd] {
+            if (is_ubi_mode(cmd))
+                return vireo_firmware_check_ubi(static_cast<uint32_t>(cmd.ubi_id), cmd.up_path);
+            return vireo_firmware_check(cmd.up_path);
+        });
 
     char pid_path[512];
     if (vireo_platform_path(pid_path, sizeof(pid_path), "%s", VIREO_PID_FILE) < 0 ||
@@ -212,11 +302,14 @@ int vireo_firmware_upgrade_main(int argc, char **argv)
     if (!cmd.upgrade)
         return 0;
     protect_from_oom_killer();
-    if (!cmd.up_path) {
-        usage();
-        return -1;
-    }
-    if (is_ubi_mode(cmd))
-        return vireo_firmware_upgrade_ubi(static_cast<uint32_t>(cmd.ubi_id), cmd.up_path);
-    return vireo_firmware_upgrade(cmd.up_path);
+    // The report is opened under the lock: a second run must not truncate the first's.
+    return with_report(cmd, "upgrade", cmd.up_path, [&cmd] {
+        if (!cmd.up_path) {
+            usage();
+            return vireo_report_failure("no firmware file given (-u)");
+        }
+        if (is_ubi_mode(cmd))
+            return vireo_firmware_upgrade_ubi(static_cast<uint32_t>(cmd.ubi_id), cmd.up_path);
+        return vireo_firmware_upgrade(cmd.up_path);
+    });
 }

@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(build-essential cmake ninja-build pkg-config libcjson-dev libgtest-dev
           libbenchmark-dev libssl-dev openssl clang-format libsodium-dev softhsm2
-          libengine-pkcs11-openssl opensc libp11-kit-dev)
+          libengine-pkcs11-openssl opensc libp11-kit-dev tmux)
 [ $# -gt 0 ] && packages=("$@")
 
 missing=()

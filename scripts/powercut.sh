@@ -16,7 +16,7 @@ cd "$(dirname "$0")/.."
 roads=("$@")
 [ ${#roads[@]} -gt 0 ] || roads=(raw-moves raw raw-ubi ubi rollback)
 if [ ! -x build/sim/vireo_powercut ] || [ "${VIREO_POWERCUT_BUILD:-1}" = 1 ]; then
-    bash scripts/build.sh build >/dev/null
+    bash scripts/build.sh build -DVIREO_POWER_CUT_RECOVERY=ON >/dev/null
 fi
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT

@@ -155,3 +155,41 @@ TEST(SignatureTest, PacksPassTamperedFilesFailAndASuppliedDigestChecksTheHead)
     EXPECT_TRUE(has_trace(r.out, "no md5 Rsa check not pass")) << r.out;
     EXPECT_TRUE(has_trace(r.out, "Failed to get file size, file='" + dir.join("none") + "'"));
 }
+
+TEST(CommandLine, ReportOptionChangesNeitherOptionsNorPrecedence)
+{
+    temp_dir dir;
+    const std::string report = dir.join("report.json"), up = dir.join("up.bin");
+    pack_firmware(dir, two_image_manifest(dir));
+    const struct {
+        std::vector<std::string> with, without; // the same run with and without the report
+        bool written;                           // a report is written
+    } cases[] = {
+        {{"-h", "--report", report}, {"-h"}, false},
+        {{"--report", report, "-t", up, "-C", "-u", up}, {"-t", up, "-C", "-u", up}, false},
+        {{"-s", "--report=" + report}, {"-s"}, false},
+        {{"-p", "0", "--report", report}, {"-p", "0"}, false}, // no command: the lock alone
+        {{"-C", "--report=" + report, "-u", up}, {"-C", "-u", up}, true},
+        {{"-C", "-r", "--report", report}, {"-C", "-r"}, true},
+        // An option's argument that reads "--report" is that option's argument.
+        {{"-C", "-u", "--report", report}, {"-C", "-u", "--report", report}, false},
+        // "--r" stays the abbreviation of "--rsa": it reads its digest file at once.
+        {{"--r", up, "--report", report, "-h"}, {"--rsa", up, "-h"}, false},
+        // Without its file, "--report" asks for the usage text as any missing argument does.
+        {{"-C", "-u", up, "--report"}, {"-C", "-u", up, "-P"}, false},
+    };
+    for (const auto &c : cases) {
+        unlink(report.c_str());
+        const run_result w = tool(c.with), wo = tool(c.without);
+        const std::string what = c.with.front() + " " + c.with.back();
+        EXPECT_EQ(wo.status, w.status) << what;
+        EXPECT_EQ(std::regex_replace(wo.out, std::regex("0x[0-9a-f]{9,}|by [0-9]+"), "X"),
+                  std::regex_replace(w.out, std::regex("0x[0-9a-f]{9,}|by [0-9]+"), "X"))
+            << what;
+        EXPECT_EQ(c.written, access(report.c_str(), F_OK) == 0) << what;
+    }
+    // A report file that cannot be written is said so on standard error; nothing else changes.
+    const run_result w = tool({"-C", "-u", up, "--report", dir.join("no/such/dir")});
+    EXPECT_EQ(tool({"-C", "-u", up}).status, w.status);
+    EXPECT_NE(std::string::npos, w.err.find("cannot write the report to")) << w.err;
+}

@@ -25,6 +25,8 @@ int32_t vireo_firmware_roll_back_ubi(uint32_t ubi_num);
 // partition of the name when no volume has it).
 devinfo *vireo_flash_build_device_info_ubi(uint32_t ubi_num);
 fwinfo *vireo_flash_build_firmware_info_ubi(uint32_t ubi_num);
+// The firmware information in the record volume name ("firmware-info.b" for the backup).
+fwinfo *vireo_flash_build_firmware_info_ubi_named(uint32_t ubi_num, const char *name);
 
 // Set by the version test when the device runs 1.3.0 and the image is the same build.
 extern bool same_software_version;

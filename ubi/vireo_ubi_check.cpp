@@ -2,6 +2,7 @@
 #include "ubi/vireo_ubi.h"
 
 #include "common/vireo_common.h"
+#include "ubi/vireo_ubi_report.h"
 #include "common/vireo_file.h"
 #include "firmware/vireo_firmware_records.h"
 #include "firmware/vireo_firmware_walk.h"
@@ -115,6 +116,7 @@ int32_t vireo_firmware_check_ubi(uint32_t ubi_num, const char *up_path)
                              "Firmware is not allowed to upgrade into this device.\n", false, &view,
                              &found) != 0)
         return -1;
+    vireo_report_plan_ubi(ubi_num, found.table.get(), !same_software_version);
     VIREO_TRACE("Firmware is upgradable for this DEVICE. \n");
     return 0;
 }

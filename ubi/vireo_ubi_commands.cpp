@@ -6,11 +6,14 @@
 #include "ptn/vireo_extra_para.h"
 #include "ptn/vireo_ptn_header.h"
 #include "ubi/vireo_ubi_flags.h"
+#include "ubi/vireo_ubi_report.h"
+#include "common/vireo_report.h"
 
 static const char VIREO_MODULE[] = "vireo_ubi";
 
 int32_t vireo_firmware_roll_back_ubi(uint32_t ubi_num)
 {
+    vireo_report_plan_roll_back(ubi_num);
     vireo_flag_volume primary{};
     vireo_flag_volume backup{};
     if (vireo_firmware_get_score_by_extra_para(ubi_num, "extra-para", &primary) != 0) {
@@ -35,6 +38,7 @@ int32_t vireo_firmware_roll_back_ubi(uint32_t ubi_num)
                              backup.buffer.data() + backup.content_offset, n + 1);
     }
     uint32_t written = 0;
+    vireo_progress_item("flags", "extra-para.b", backup.buffer.size());
     const int32_t r = backup.buffer.empty()
                           ? -1
                           : vireo_ubi_write(backup.path, backup.buffer.data(),
@@ -43,5 +47,7 @@ int32_t vireo_firmware_roll_back_ubi(uint32_t ubi_num)
         VIREO_TRACE("vireo ubi write error[%d]\n\n", r);
     else
         VIREO_TRACE("Roll Back Success.\n\n");
+    if (r == 0)
+        vireo_progress_item_done();
     return r;
 }

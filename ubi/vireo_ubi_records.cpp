@@ -39,6 +39,14 @@ devinfo *vireo_flash_build_device_info_ubi(uint32_t ubi_num)
     return info;
 }
 
+fwinfo *vireo_flash_build_firmware_info_ubi_named(uint32_t ubi_num, const char *name)
+{
+    vireo_record rec;
+    if (!read_record(VIREO_SITE(), ubi_num, name, &rec))
+        return nullptr;
+    return vireo_ptn_firmware_info_build_by_json_data(rec.text(), rec.length);
+}
+
 fwinfo *vireo_flash_build_firmware_info_ubi(uint32_t ubi_num)
 {
     vireo_record rec;

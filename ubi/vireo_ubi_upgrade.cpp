@@ -4,9 +4,11 @@
 #include "common/vireo_common.h"
 #include "common/vireo_device.h"
 #include "common/vireo_file.h"
+#include "common/vireo_report.h"
 #include "firmware/vireo_firmware_content.h"
 #include "firmware/vireo_firmware_walk.h"
 #include "ubi/vireo_ubi_flags.h"
+#include "ubi/vireo_ubi_report.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -91,19 +93,26 @@ int32_t vireo_firmware_update_ubi_volume_content(uint32_t ubi_num, const up_ptn_
         // file is sealed: no copy of the file is held, only of one chunk.
         vireo_entry_source source(payload, &e, COPY_CHUNK);
         const auto next = [&source](uint32_t done, uint32_t chunk) {
+            vireo_progress_done(static_cast<uint64_t>(done) + chunk);
             return source.read(done, chunk);
         };
         const int32_t len = static_cast<int32_t>(e.size);
+        vireo_progress_item("writing", e.name, e.size);
         const bool wrote =
             source.start &&
             (is_ubi_volume_path(path)
                  ? vireo_ubi_write_stream(path, len, COPY_CHUNK, next, &written) == 0
                  : vireo_file_write_stream(path, 0, len, COPY_CHUNK, next, nullptr) == 0);
+        if (wrote) {
+            vireo_progress_item_done();
+            vireo_progress_item("reading back", e.name, e.size);
+        }
         if (!wrote || !reads_back(path, e.size, next)) {
             VIREO_TRACE("PTN[%s][%s] update content failed, pos={0x%08x:0x%08x}.\n", e.name, path,
                         static_cast<uint32_t>(e.base), e.size);
             return -1;
         }
+        vireo_progress_item_done();
         VIREO_TRACE("PTN[%s] updated content, flash_size=0x%08x, content_size=0x%08x(%d).\n",
                     e.name, static_cast<uint32_t>(vireo_file_get_size(path)), e.size, len);
     }
@@ -137,12 +146,18 @@ int32_t vireo_firmware_copy_ubi_volume_content(uint32_t ubi_num, const char *sou
     VIREO_TRACE("Copy To UBI Volume[%s] size [%d]\n\n", destination, size);
     bool read_failed = false;
     const auto next = [&](uint32_t done, uint32_t chunk) {
+        vireo_progress_done(static_cast<uint64_t>(done) + chunk);
         const uint8_t *p = from->read(done, chunk);
         read_failed = read_failed || !p;
         return p;
     };
     uint32_t written = 0;
+    vireo_progress_item("copying user data", destination, static_cast<uint64_t>(size));
     const int32_t r = vireo_ubi_write_stream(path, size, COPY_CHUNK, next, &written);
+    if (r == 0 && !read_failed) {
+        vireo_progress_item_done();
+        vireo_progress_item("reading back", destination, static_cast<uint64_t>(size));
+    }
     if (read_failed) {
         VIREO_TRACE("PTN[%s] copy from content failed, pos={0x0:0x%08x}.\n", source,
                     static_cast<uint32_t>(size));
@@ -153,6 +168,7 @@ int32_t vireo_firmware_copy_ubi_volume_content(uint32_t ubi_num, const char *sou
                     static_cast<uint32_t>(size));
         return -1;
     }
+    vireo_progress_item_done();
     VIREO_TRACE("PTN[%s] updated content, flash_size=0x%08x, content_size=0x%08x(%d).\n",
                 destination, static_cast<uint32_t>(size), static_cast<uint32_t>(size), size);
     return 0;
@@ -164,8 +180,11 @@ int32_t vireo_firmware_update_ubi_content(uint32_t ubi_num, const firmware_heade
 {
     if (!extents_inside(up_table, payload))
         return -1;
+    vireo_report_plan_ubi(ubi_num, up_table, true);
+    vireo_progress_item("flags", "extra-para, extra-para.b", 0, false);
     if (vireo_firmware_pre_update(ubi_num) < 0)
         return -1;
+    vireo_progress_item_done();
     VIREO_TRACE("ready to update ptn-table.\n");
     if (vireo_firmware_update_ubi_volume_content(ubi_num, up_table, payload) < 0) {
         VIREO_TRACE("Faield to update ptn-content.\n");
@@ -182,7 +201,11 @@ int32_t vireo_firmware_update_ubi_content(uint32_t ubi_num, const firmware_heade
         }
     }
     VIREO_TRACE("Success to update ptn-table.\n");
-    return vireo_firmware_post_update(ubi_num) < 0 ? -1 : 0;
+    vireo_progress_item("flags", "extra-para, extra-para.b", 0, false);
+    if (vireo_firmware_post_update(ubi_num) < 0)
+        return -1;
+    vireo_progress_item_done();
+    return 0;
 }
 
 int32_t vireo_firmware_upgrade_ubi(uint32_t ubi_num, const char *up_path)
@@ -194,6 +217,7 @@ int32_t vireo_firmware_upgrade_ubi(uint32_t ubi_num, const char *up_path)
                              true, &view, &found) != 0)
         return -1;
     if (same_software_version) {
+        vireo_report_plan_ubi(ubi_num, found.table.get(), false);
         VIREO_TRACE("same software version, no need to upgrade\n\n");
         return 0;
     }

@@ -39,8 +39,9 @@ rig_build_tool()
             echo "$head" >"$src/.rig-head"
         fi
     fi
+    # The router's build: recovery from power cuts on.
     cmake -S "$src" -B "$tree" -G Ninja -DVIREO_BUILD_TESTS=OFF -DVIREO_BUILD_BENCH=OFF \
-        -DVIREO_BUILD_SIM=ON >/dev/null
+        -DVIREO_BUILD_SIM=ON -DVIREO_POWER_CUT_RECOVERY=ON >/dev/null
     # The simulator's preloaded library (sim/), for the power cuts the router makes at a chosen
     # flash operation of the tool, and its roads, laid out for the router's flash.
     cmake --build "$tree" -j2 --target vireo_firmware_upgrade vireo_firmware_pack \

@@ -4,10 +4,11 @@
 # LuCI's "Flash image..." and ubus "system validate_firmware_image" source every
 # /lib/upgrade/*.sh in name order and call the board's hooks, which this file defines:
 #
-#   platform_check_image IMAGE  the check (-C), every line of the tool on stderr, with the
-#                               tests "vireo_signature" and "vireo_device_match"; an image
-#                               that fails either can never be installed (broken, not
-#                               forceable);
+#   platform_check_image IMAGE  the check (-C --report), every line of the tool on stderr;
+#                               the tests "vireo_signature" and "vireo_device_match" and
+#                               allow_backup come from the check's report, read with jshn;
+#                               an image that fails either test can never be installed
+#                               (broken, not forceable);
 #   platform_do_upgrade IMAGE   the upgrade (-U) in stage2's RAM root; its status.
 #
 # Work mode: the option work_mode of /etc/config/vireo_firmware_upgrade: "ubi", "default"
@@ -72,26 +73,52 @@ vireo_mode_args() {
 	return 0
 }
 
-# The score in the flag record of volume NAME of UBI device DEV (0 when it has none).
-vireo_score() {
-	local name score
-	for name in /sys/class/ubi/ubi$1/ubi$1_*/name; do
-		[ "$(cat "$name" 2>/dev/null)" = "$2" ] || continue
-		name=${name%/name}
-		score=$(dd if="/dev/${name##*/}" bs=4096 count=1 2>/dev/null | tr -d '\000' |
-			grep -o '"score":-*[0-9]*' | head -n 1)
-	done
-	echo "${score#*:}" | grep -x -- '-*[0-9][0-9]*' || echo 0
-}
-
-# Whether an image of firmware file FILE carries partition NAME: the names of the
-# upgrade partition tables of its images.
-vireo_carries() {
-	strings "$1" | awk -v name="$2" '
-		/"up-ptn-table"/ { table = 1 }
-		table && /"name":/ { gsub(/[" \t,]/, ""); sub(/^name:/, ""); if ($0 == name) found = 1 }
-		table && /^[ \t]*}[ \t]*\]/ { table = 0 }
-		END { exit !found }'
+# Reads the report of "-C --report" in FILE through jshn into VIREO_SIGNATURE (the first
+# image's header and signature verified: 1 or 0), VIREO_MATCH (the check's status is 0: 1 or
+# 0) and VIREO_NO_BACKUP (1 when the upgrade would not keep the settings: in the UBI mode
+# the target is the primary image, on raw flash the image writes partition OVERLAY). The
+# tool parses the firmware file and the flag records; this reads only what it says.
+vireo_read_report() {
+	local line event old_ns keys key name verified status keeps
+	VIREO_SIGNATURE=0
+	VIREO_MATCH=0
+	VIREO_NO_BACKUP=0
+	verified=""
+	type json_load >/dev/null 2>&1 || . /usr/share/libubox/jshn.sh
+	json_set_namespace vireo_report old_ns
+	while IFS= read -r line; do
+		json_init
+		json_load "$line" 2>/dev/null || continue
+		json_get_var event event
+		case "$event" in
+		image)
+			[ -n "$verified" ] || json_get_var verified verified
+			;;
+		plan)
+			json_get_var keeps keeps_settings
+			[ "$keeps" = 0 ] && VIREO_NO_BACKUP=1
+			if json_is_a writes array; then
+				json_select writes
+				json_get_keys keys
+				for key in $keys; do
+					json_select "$key"
+					json_get_var name name
+					[ "$name" = "$2" ] && VIREO_NO_BACKUP=1
+					json_select ..
+				done
+				json_select ..
+			fi
+			;;
+		result)
+			json_get_var status status
+			[ "$status" = 0 ] && VIREO_MATCH=1
+			;;
+		esac
+	done <"$1"
+	json_cleanup
+	json_set_namespace $old_ns
+	[ "$verified" = 1 ] && VIREO_SIGNATURE=1
+	return 0
 }
 
 # The hooks of validate_firmware_image; nothing where the caller has none.
@@ -100,27 +127,20 @@ vireo_notify() {
 }
 
 platform_check_image() {
-	local image="$1" args signature match dev
+	local image="$1" args report overlay
 	args=$(vireo_mode_args)
+	overlay=$(vireo_option overlay)
+	report=$(mktemp /tmp/vireo_check.XXXXXX) || return 1
 	# validate_firmware_image prints its JSON on stdout: every line of the tool on stderr.
-	"$VIREO_TOOL" -t "$image" >&2 2>&1
-	signature=$?
-	"$VIREO_TOOL" -C $args -u "$image" >&2 2>&1
-	match=$?
-	vireo_notify notify_firmware_test_result vireo_signature "$([ $signature -eq 0 ] && echo 1 || echo 0)"
-	vireo_notify notify_firmware_test_result vireo_device_match "$([ $match -eq 0 ] && echo 1 || echo 0)"
-	if [ -n "$args" ]; then
-		dev=${args##* }
-		[ "$(vireo_score "$dev" extra-para)" -ge "$(vireo_score "$dev" extra-para.b)" ] ||
-			vireo_notify notify_firmware_no_backup
-	else
-		local overlay
-		overlay=$(vireo_option overlay)
-		vireo_carries "$image" "${overlay:-rootfs_data}" && vireo_notify notify_firmware_no_backup
-	fi
+	"$VIREO_TOOL" -C $args -u "$image" --report "$report" >&2 2>&1
+	vireo_read_report "$report" "${overlay:-rootfs_data}"
+	rm -f "$report"
+	vireo_notify notify_firmware_test_result vireo_signature "$VIREO_SIGNATURE"
+	vireo_notify notify_firmware_test_result vireo_device_match "$VIREO_MATCH"
+	[ "$VIREO_NO_BACKUP" = 1 ] && vireo_notify notify_firmware_no_backup
 	# A file whose signature fails, or none of whose images fits this device, can never be
 	# installed: broken, which not even a forced upgrade may flash.
-	[ $signature -eq 0 ] && [ $match -eq 0 ] && return 0
+	[ "$VIREO_SIGNATURE" = 1 ] && [ "$VIREO_MATCH" = 1 ] && return 0
 	vireo_notify notify_firmware_broken
 	return 74
 }
