@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: Apache-2.0
+// Layout changes under a journal on flash (a build with power-cut recovery): a retry with
+// another file finishes the interrupted change first, a layout with no room says so and
+// moves as before, and what moves is never held in memory.
+#include "pack_fixture.h"
+#include "upgrade_roads.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sys/stat.h>
+
+namespace
+{
+
+const char kResumed[] = "finishing the layout change of an interrupted upgrade, journal at 0x";
+
+bool has_trace_starting(const std::string &out, const std::string &head)
+{
+    const std::vector<std::string> traces = trace_messages(out);
+    return std::any_of(traces.begin(), traces.end(),
+                       [&head](const std::string &t) { return t.rfind(head, 0) == 0; });
+}
+
+size_t operations(const upgrade_road &road)
+{
+    const std::string log = road.device->join("count.log");
+    run_road(road, {"VIREO_CUT_AT=0", "VIREO_CUT_LOG=" + log});
+    const std::string ops = read_file(log);
+    return static_cast<size_t>(std::count(ops.begin(), ops.end(), '\n'));
+}
+
+class Journal : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        if (!VIREO_POWER_CUT_RECOVERY)
+            GTEST_SKIP() << "built without power-cut recovery (VIREO_POWER_CUT_RECOVERY=OFF)";
+    }
+};
+
+TEST_F(Journal, ARetryWithAnotherFileFinishesTheCutLayoutChangeFirst)
+{
+    // "raw-moves" uncut gives the flash to reach and the new table.
+    upgrade_road done = make_upgrade_road("raw-moves");
+    const size_t total = operations(done);
+    const std::string user = done.device->bytes("/dev/mtd0").substr(0x90000, 0x40000);
+    const std::string table = content_of(done.device->bytes("/dev/mtd1"));
+    ASSERT_FALSE(table.empty());
+    // Cut a third, half and two thirds of the way, then retried with a file of the new layout
+    // that brings "rootfs" alone.
+    size_t resumed = 0;
+    for (const size_t n : {total / 3, total / 2, total * 2 / 3}) {
+        upgrade_road road = make_upgrade_road("raw-moves");
+        run_road(road, {"VIREO_CUT_AT=" + std::to_string(n)});
+        temp_dir other;
+        const std::string rootfs = pattern(0x3000, 77);
+        pack_images(other,
+                    {{kFits, table, fwinfo_json("1.3.1 Build 1 Rel.1"), {{"rootfs", rootfs}}}});
+        const run_result r =
+            run_program(VIREO_FAKE_ROOT_TOOL, {road.device->path, "-U", "-u", other.join("up.bin")},
+                        tool_env(*road.device));
+        const std::string what = "cut at " + std::to_string(n) + " of " + std::to_string(total);
+        EXPECT_EQ(0, r.status) << what << r.out;
+        resumed += has_trace_starting(r.out, kResumed);
+        EXPECT_TRUE(user == road.device->bytes("/dev/mtd0").substr(0x90000, 0x40000)) << what;
+        EXPECT_EQ(table, content_of(road.device->bytes("/dev/mtd1"))) << what;
+        EXPECT_EQ(padded(rootfs, 0x20000), road.device->bytes("/dev/mtd7")) << what;
+        EXPECT_EQ(flag_doc(true, 0), content_of(road.device->bytes("/dev/mtd3"))) << what;
+    }
+    EXPECT_GT(resumed, 0u) << "no cut fell inside the layout change";
+}
+
+TEST_F(Journal, ALayoutWithoutRoomMovesAsBeforeAndSaysSo)
+{
+    // "data" and "log" trade places over the whole rest of the flash; the image carries its
+    // table and support list alone, so no flash is free of what the upgrade keeps.
+    const std::vector<raw_ptn> ptns = {
+        {"partition-table", 0x00000, 0x10000, ""},
+        {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
+        {"extra-para", 0x20000, 0x10000, with_content_header(flag_doc(true, 0))},
+        {"support-list", 0x30000, 0x10000, ""},
+        {"data", 0x40000, 0x60000, pattern(0x60000, 61)},
+        {"log", 0xA0000, 0x60000, pattern(0x60000, 62)}};
+    std::vector<raw_ptn> next = ptns;
+    next[4] = {"log", 0x40000, 0x60000, ""};
+    next[5] = {"data", 0xA0000, 0x60000, ""};
+    raw_device dev(ptns);
+    install_stand_ins(dev);
+    pack_images(dev, {{kFits, table_json(next, 0x100000), "", {}}});
+    const run_result r = run_program(VIREO_FAKE_ROOT_TOOL,
+                                     {dev.path, "-U", "-u", dev.join("up.bin")}, tool_env(dev));
+    ASSERT_EQ(0, r.status) << r.out;
+    EXPECT_TRUE(has_trace(r.out, "layout change is not protected against a power cut: the flash "
+                                 "has no room free of what this upgrade keeps."))
+        << r.out;
+    const std::string flash = dev.bytes("/dev/mtd0");
+    EXPECT_TRUE(pattern(0x60000, 61) == flash.substr(0xA0000, 0x60000));
+    EXPECT_TRUE(pattern(0x60000, 62) == flash.substr(0x40000, 0x60000));
+}
+
+TEST_F(Journal, WhatMovesIsNeverHeldInMemory)
+{
+    if (VIREO_SANITIZED)
+        GTEST_SKIP() << "the sanitizers' shadow memory is private memory too";
+    if (VIREO_EMULATED)
+        GTEST_SKIP() << "the emulator's translation buffers are the tool's private memory too";
+    // 24 MiB of "data" move up, staged in the free flash behind them.
+    const uint32_t size = 24 << 20;
+    const std::vector<raw_ptn> ptns = {
+        {"partition-table", 0x00000, 0x10000, ""},
+        {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
+        {"extra-para", 0x20000, 0x10000, with_content_header(flag_doc(true, 0))},
+        {"support-list", 0x30000, 0x10000, ""},
+        {"data", 0x100000, size, pattern(size, 63)}};
+    std::vector<raw_ptn> next = ptns;
+    next[4].base = 0x100000 + size;
+    const uint32_t disk = 0x200000 + 3 * size;
+    raw_device dev(ptns, disk);
+    install_stand_ins(dev);
+    pack_images(dev, {{kFits, table_json(next, disk), "", {}}});
+    struct stat st;
+    ASSERT_EQ(0, stat(dev.join("up.bin").c_str(), &st));
+    const long budget = 4096 + static_cast<long>(st.st_size / 4096 * 8 / 1024);
+    const run_result r = run_program(
+        VIREO_FAKE_ROOT_TOOL, {dev.path, "-U", "-u", dev.join("up.bin")}, tool_env(dev), true);
+    ASSERT_EQ(0, r.status) << r.out;
+    EXPECT_FALSE(has_trace_starting(r.out, "layout change is not protected")) << r.out;
+    EXPECT_GT(r.peak_anon_kb, 0) << "the run was watched";
+    EXPECT_LE(r.peak_anon_kb, budget);
+    EXPECT_TRUE(pattern(size, 63) == dev.bytes("/dev/mtd0").substr(next[4].base, size));
+}
+
+} // namespace
