@@ -83,15 +83,10 @@ int main(int argc, char **argv)
     const int runs = argc > 2 ? atoi(argv[2]) : 9;
     const uint32_t part = static_cast<uint32_t>(mib) << 20;
     // A layout change that moves a partition of user data, and two large contents.
-    std::vector<raw_ptn> ptns = {
-        {"partition-table", 0x00000, 0x10000, ""},
-        {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
-        {"extra-para", 0x20000, 0x10000, with_content_header(flag_doc(true, 0))},
-        {"support-list", 0x30000, 0x10000, ""},
-        {"firmware-info", 0x40000, 0x10000, ""},
-        {"kernel", 0x100000, part, ""},
-        {"rootfs", 0x100000 + part, part, ""},
-        {"data", 0x100000 + 2 * part, 0x100000, pattern(0x100000, 1)}};
+    std::vector<raw_ptn> ptns =
+        with_records({{"kernel", 0x100000, part, ""},
+                      {"rootfs", 0x100000 + part, part, ""},
+                      {"data", 0x100000 + 2 * part, 0x100000, pattern(0x100000, 1)}});
     const uint32_t disk = 0x100000 + 2 * part + 0x200000;
     std::vector<raw_ptn> next = ptns;
     next[7] = {"data", 0x100000 + 2 * part + 0x100000, 0x100000, ""};

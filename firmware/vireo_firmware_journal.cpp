@@ -243,6 +243,13 @@ struct flash_dev {
                vireo_read_fully_at(file.fd, buf, static_cast<int64_t>(at), static_cast<int64_t>(n));
     }
 
+    // A bad block is never room for the journal.
+    bool bad(uint32_t at) const
+    {
+        loff_t off = at;
+        return mtd && ioctl(file.fd, MEMGETBADBLOCK, &off) > 0;
+    }
+
     bool erase(const extent &e) const
     {
         for (uint32_t at = e.base; at < e.base + e.len; at += geo.erase_size) {
@@ -410,7 +417,8 @@ std::vector<extent> journal_room(const flash_dev &f, const ptn_table *old_table,
     std::vector<extent> room;
     std::vector<uint8_t> block(erase);
     for (const extent &b : blocks_outside(0, static_cast<uint64_t>(f.size), taken, erase))
-        if (f.read(b.base, block.data(), erase) && vireo_all_erased(block.data(), erase))
+        if (!f.bad(b.base) && f.read(b.base, block.data(), erase) &&
+            vireo_all_erased(block.data(), erase))
             room.push_back(b);
     *free_count = room.size();
     // Never a place a move reads or writes, nor a record read before the contents.
@@ -435,8 +443,8 @@ std::vector<extent> journal_room(const flash_dev &f, const ptn_table *old_table,
             continue;
         const ptn_info &p = old_table->ptns[j];
         for (const extent &b : blocks_outside(p.base, uint64_t{p.base} + p.size, keep, erase))
-            if (std::none_of(room.begin(), room.end(),
-                             [&b](const extent &r) { return r.base == b.base; }))
+            if (!f.bad(b.base) && std::none_of(room.begin(), room.end(),
+                                               [&b](const extent &r) { return r.base == b.base; }))
                 room.push_back(b);
     }
     return room;

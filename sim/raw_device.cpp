@@ -48,6 +48,19 @@ raw_device::raw_device(std::vector<raw_ptn> list, uint32_t disk)
     mtd(0, "flash", disk_size, flash);
 }
 
+std::vector<raw_ptn> with_records(std::vector<raw_ptn> rest, size_t count)
+{
+    std::vector<raw_ptn> ptns = {
+        {"partition-table", 0x00000, 0x10000, ""},
+        {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
+        {"extra-para", 0x20000, 0x10000, with_content_header(flag_doc(true, 0))},
+        {"support-list", 0x30000, 0x10000, ""},
+        {"firmware-info", 0x40000, 0x10000, ""}};
+    ptns.resize(std::min(count, ptns.size()));
+    ptns.insert(ptns.end(), rest.begin(), rest.end());
+    return ptns;
+}
+
 std::vector<raw_ptn> raw_device::layout(const std::string &devinfo)
 {
     return {{"partition-table", 0x00000, 0x10000, ""},

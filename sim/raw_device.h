@@ -35,6 +35,11 @@ std::string padded(const std::string &content, size_t size);
 inline const std::string kDevice = devinfo_json("VR100", "1.0", "55530000");
 inline const std::string kFits = "[" + entry_json("VR100", "1.0", "55530000") + "]";
 
+// The record partitions a layout starts with, 64 KiB each from 0: "partition-table",
+// "device-info" (kDevice), "extra-para" (flag on, score 0), "support-list" and, unless
+// count is 4, "firmware-info"; then the partitions given.
+std::vector<raw_ptn> with_records(std::vector<raw_ptn> rest, size_t count = 5);
+
 // /dev/mtd0 is the whole flash; partition i of the list is /dev/mtd<i+1>, holding the same
 // bytes as its stretch of the flash. A "partition-table" partition without content gets
 // the list's own table behind a content header.

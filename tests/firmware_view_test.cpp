@@ -62,13 +62,7 @@ TEST(FileView, PrivateMemoryStaysSmallWhateverTheFileSize)
     const size_t content = 24 << 20;
     const std::string kernel = pattern(content, 41);
     // Raw flash: a kernel partition that takes the content.
-    std::vector<raw_ptn> ptns = {
-        {"partition-table", 0x00000, 0x10000, ""},
-        {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
-        {"extra-para", 0x20000, 0x10000, with_content_header(flag_doc(true, 0))},
-        {"support-list", 0x30000, 0x10000, ""},
-        {"firmware-info", 0x40000, 0x10000, ""},
-        {"kernel", 0x50000, 0x1900000, ""}};
+    std::vector<raw_ptn> ptns = with_records({{"kernel", 0x50000, 0x1900000, ""}});
     raw_device raw(ptns, 0x1A00000);
     install_stand_ins(raw);
     pack_images(raw, {{kFits, table_json(ptns, 0x1A00000), "", {{"kernel", kernel}}}});

@@ -2,12 +2,14 @@
 // Layout changes under a journal on flash (a build with power-cut recovery): a retry with
 // another file finishes the interrupted change first, a layout with no room says so and
 // moves as before, and what moves is never held in memory.
+#include "common/vireo_endian.h"
 #include "pack_fixture.h"
 #include "upgrade_roads.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <sys/stat.h>
 
 namespace
@@ -72,17 +74,62 @@ TEST_F(Journal, ARetryWithAnotherFileFinishesTheCutLayoutChangeFirst)
     EXPECT_GT(resumed, 0u) << "no cut fell inside the layout change";
 }
 
+TEST_F(Journal, ADamagedStagedCopyStopsTheRetryBeforeItWrites)
+{
+    // The first cut after which the plan stands whole (magic at a block's start, its last
+    // bytes programmed): no move has been made yet.
+    const size_t total = operations(make_upgrade_road("raw-moves"));
+    std::unique_ptr<upgrade_road> road;
+    std::string flash;
+    size_t plan = std::string::npos;
+    for (size_t n = 1; n <= total && plan == std::string::npos; n++) {
+        road = std::make_unique<upgrade_road>(make_upgrade_road("raw-moves"));
+        run_road(*road, {"VIREO_CUT_AT=" + std::to_string(n), "VIREO_CUT_MODE=after"});
+        flash = road->device->bytes("/dev/mtd0");
+        for (size_t at = 0; at + 48 <= flash.size(); at += 0x10000) {
+            if (flash.compare(at, 8, "VIREOJNL") != 0)
+                continue;
+            const uint32_t len = vireo_get_be32(reinterpret_cast<const uint8_t *>(&flash[at + 12]));
+            if (at + len <= flash.size() && flash.substr(at + len - 8, 8) != std::string(8, '\xff'))
+                plan = at;
+        }
+    }
+    ASSERT_NE(std::string::npos, plan) << "no cut left a whole plan";
+    // One byte of the first staged copy ("log", first in the new table) turned.
+    const uint32_t staged = vireo_get_be32(reinterpret_cast<const uint8_t *>(&flash[plan + 40]));
+    flash[staged] = static_cast<char>(~flash[staged]);
+    write_file(road->device->at("/dev/mtd0"), flash);
+    const auto before = road->device->devices();
+    const run_result r = run_road(*road);
+    EXPECT_EQ(255, r.status) << r.out;
+    EXPECT_TRUE(has_trace(r.out, "the staged copy of PTN[log] is damaged: the layout change "
+                                 "cannot be finished."))
+        << r.out;
+    EXPECT_TRUE(before == road->device->devices()) << "nothing written";
+}
+
+TEST_F(Journal, ABadBlockIsNeverRoomForIt)
+{
+    // The first block of the free flash behind "raw-moves" is bad: it refuses an erase. The
+    // room left is too small, and the moves go as before, said so.
+    upgrade_road road = make_upgrade_road("raw-moves");
+    const run_result r =
+        run_road(road, {"VIREO_BAD_BLOCKS=" + road.device->at("/dev/mtd0") + "@0xe0000"});
+    EXPECT_EQ(0, r.status) << r.out;
+    EXPECT_TRUE(has_trace_starting(r.out, "layout change is not protected")) << r.out;
+    EXPECT_TRUE(road.device->bytes("/dev/mtd0").substr(0xE0000, 0x20000) ==
+                std::string(0x20000, '\xff'))
+        << "the free flash is left as it was";
+}
+
 TEST_F(Journal, ALayoutWithoutRoomMovesAsBeforeAndSaysSo)
 {
     // "data" and "log" trade places over the whole rest of the flash; the image carries its
     // table and support list alone, so no flash is free of what the upgrade keeps.
-    const std::vector<raw_ptn> ptns = {
-        {"partition-table", 0x00000, 0x10000, ""},
-        {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
-        {"extra-para", 0x20000, 0x10000, with_content_header(flag_doc(true, 0))},
-        {"support-list", 0x30000, 0x10000, ""},
-        {"data", 0x40000, 0x60000, pattern(0x60000, 61)},
-        {"log", 0xA0000, 0x60000, pattern(0x60000, 62)}};
+    const std::vector<raw_ptn> ptns =
+        with_records({{"data", 0x40000, 0x60000, pattern(0x60000, 61)},
+                      {"log", 0xA0000, 0x60000, pattern(0x60000, 62)}},
+                     4);
     std::vector<raw_ptn> next = ptns;
     next[4] = {"log", 0x40000, 0x60000, ""};
     next[5] = {"data", 0xA0000, 0x60000, ""};
@@ -108,12 +155,8 @@ TEST_F(Journal, WhatMovesIsNeverHeldInMemory)
         GTEST_SKIP() << "the emulator's translation buffers are the tool's private memory too";
     // 24 MiB of "data" move up, staged in the free flash behind them.
     const uint32_t size = 24 << 20;
-    const std::vector<raw_ptn> ptns = {
-        {"partition-table", 0x00000, 0x10000, ""},
-        {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
-        {"extra-para", 0x20000, 0x10000, with_content_header(flag_doc(true, 0))},
-        {"support-list", 0x30000, 0x10000, ""},
-        {"data", 0x100000, size, pattern(size, 63)}};
+    const std::vector<raw_ptn> ptns =
+        with_records({{"data", 0x100000, size, pattern(size, 63)}}, 4);
     std::vector<raw_ptn> next = ptns;
     next[4].base = 0x100000 + size;
     const uint32_t disk = 0x200000 + 3 * size;

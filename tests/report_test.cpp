@@ -271,15 +271,9 @@ TEST(Report, PercentNeverGoesBackAndReachesAHundredWithTheLastByte)
 {
     // A large upgrade: a layout change that moves a MiB of user data, and two MiB-sized
     // contents written, read back and erased over.
-    std::vector<raw_ptn> ptns = {
-        {"partition-table", 0x00000, 0x10000, ""},
-        {"device-info", 0x10000, 0x10000, with_content_header(kDevice)},
-        {"extra-para", 0x20000, 0x10000, with_content_header(flag_doc(true, 0))},
-        {"support-list", 0x30000, 0x10000, ""},
-        {"firmware-info", 0x40000, 0x10000, ""},
-        {"kernel", 0x100000, 0x200000, ""},
-        {"rootfs", 0x300000, 0x200000, ""},
-        {"data", 0x500000, 0x100000, pattern(0x100000, 41)}};
+    std::vector<raw_ptn> ptns = with_records({{"kernel", 0x100000, 0x200000, ""},
+                                              {"rootfs", 0x300000, 0x200000, ""},
+                                              {"data", 0x500000, 0x100000, pattern(0x100000, 41)}});
     std::vector<raw_ptn> next = ptns;
     next[7] = {"data", 0x600000, 0x100000, ""};
     auto dev = std::make_shared<raw_device>(ptns, 0x800000);
