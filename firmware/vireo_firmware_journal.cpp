@@ -510,9 +510,8 @@ bool place(plan *p, const std::vector<extent> &room, size_t free_count, uint64_t
     return have >= staged;
 }
 
-// Stages the old content of every move, checks it, then writes the plan: the journal is
-// pending from the plan's last byte on. False on a flash failure (traced).
-bool stage(const flash_dev &f, plan *p)
+// The staging and the plan; false at the first flash failure.
+bool stage_and_plan(const flash_dev &f, plan *p)
 {
     for (const extent &e : p->staging)
         if (!f.erase(e))
@@ -547,6 +546,16 @@ bool stage(const flash_dev &f, plan *p)
     p->check = check_of(bytes.data(), bytes.size()); // as a reader of the plan makes it
     bytes.resize(uint64_t{p->plan_blocks} * p->erase, 0xFF);
     return f.program(p->home, bytes.data(), static_cast<uint32_t>(bytes.size()));
+}
+
+// Stages the old content of every move, checks it, then writes the plan: the journal is
+// pending from the plan's last byte on. False on a flash failure (traced).
+bool stage(const flash_dev &f, plan *p)
+{
+    if (stage_and_plan(f, p))
+        return true;
+    VIREO_TRACE("Failed to stage the partitions that move in flash.\n");
+    return false;
 }
 
 // The plan pending in flash, if any: the first erase block that starts one whose check
@@ -705,10 +714,8 @@ int32_t vireo_journal_moves(const ptn_table *old_table, const ptn_table *new_tab
     std::vector<uint8_t> chunk(MTD_WRITE_BLOCK_SIZE);
     uint32_t free_slot = 0;
     hooks.before_first = [&] {
-        if (!stage(f, &p)) {
-            VIREO_TRACE("Failed to stage the partitions that move in flash.\n");
+        if (!stage(f, &p))
             return -1;
-        }
         journal->active = true;
         journal->check = p.check;
         journal->home = p.home;

@@ -159,8 +159,9 @@ upgrade_road raw_ubi(uint32_t k)
                                   table_json(ptns, 0x200000 * k),
                                   fwinfo_json("1.3.0 Build 2 Rel.1"),
                                   {{"ubi", pattern(0x6000, 31)}}});
-    add_volume(road, 4, 0, "extra-para", padded(volume_record(factory_flag(2)), 0x4000));
-    add_volume(road, 4, 1, "extra-para.b", padded(volume_record(factory_flag(1)), 0x4000));
+    // Records of 12 KiB: one eraseblock on every medium the roads run on.
+    add_volume(road, 4, 0, "extra-para", padded(volume_record(factory_flag(2)), 0x3000));
+    add_volume(road, 4, 1, "extra-para.b", padded(volume_record(factory_flag(1)), 0x3000));
     road.ubi_homes = {{4, "extra-para-ubi"}};
     road.carried = {whole(mtd_of(ptns, "support-list")), whole(mtd_of(ptns, "firmware-info.b")),
                     whole(mtd_of(ptns, "ubi.b"))};
