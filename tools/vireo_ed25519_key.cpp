@@ -11,18 +11,12 @@
 
 EVP_PKEY *vireo_ed25519_load_pem(const std::string &pem_path, bool want_private, std::string *error)
 {
-    FILE *f = fopen(pem_path.c_str(), "r");
-    if (!f) {
+    bool opened = false;
+    EVP_PKEY *key = vireo_read_pem_key(pem_path, want_private, &opened);
+    if (!opened) {
         *error = "cannot open key '" + pem_path + "': " + strerror(errno);
         return nullptr;
     }
-    EVP_PKEY *key = want_private ? PEM_read_PrivateKey(f, nullptr, nullptr, nullptr)
-                                 : PEM_read_PUBKEY(f, nullptr, nullptr, nullptr);
-    if (!key && !want_private) {
-        rewind(f);
-        key = PEM_read_PrivateKey(f, nullptr, nullptr, nullptr);
-    }
-    fclose(f);
     if (!key || EVP_PKEY_base_id(key) != EVP_PKEY_ED25519) {
         EVP_PKEY_free(key);
         *error = "'" + pem_path + "' is not an Ed25519 " + (want_private ? "private" : "public") +

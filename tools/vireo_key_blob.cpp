@@ -20,25 +20,28 @@ void put_le32(std::vector<uint8_t> *out, uint32_t v)
         out->push_back(static_cast<uint8_t>(v >> (8 * i)));
 }
 
-pkey_ptr load_key(const std::string &path)
+} // namespace
+
+EVP_PKEY *vireo_read_pem_key(const std::string &path, bool want_private, bool *opened)
 {
     FILE *f = fopen(path.c_str(), "r");
+    *opened = f != nullptr;
     if (!f)
-        return pkey_ptr(nullptr, EVP_PKEY_free);
-    EVP_PKEY *key = PEM_read_PUBKEY(f, nullptr, nullptr, nullptr);
-    if (!key) {
+        return nullptr;
+    EVP_PKEY *key = want_private ? PEM_read_PrivateKey(f, nullptr, nullptr, nullptr)
+                                 : PEM_read_PUBKEY(f, nullptr, nullptr, nullptr);
+    if (!key && !want_private) {
         rewind(f);
         key = PEM_read_PrivateKey(f, nullptr, nullptr, nullptr);
     }
     fclose(f);
-    return pkey_ptr(key, EVP_PKEY_free);
+    return key;
 }
-
-} // namespace
 
 std::vector<uint8_t> vireo_pem_to_key_blob(const std::string &pem_path, std::string *error)
 {
-    pkey_ptr key = load_key(pem_path);
+    bool opened = false;
+    pkey_ptr key(vireo_read_pem_key(pem_path, false, &opened), EVP_PKEY_free);
     if (!key || EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA) {
         *error = "cannot read an RSA key from '" + pem_path + "'";
         return {};

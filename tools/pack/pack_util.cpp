@@ -3,6 +3,7 @@
 
 #include "firmware/vireo_firmware_header.h"
 #include "firmware/vireo_firmware_sigblock.h"
+#include "tools/vireo_key_blob.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -167,16 +168,10 @@ bytes ed25519_sign(EVP_PKEY *key, const bytes &prehash)
 
 static pkey_ptr read_pem(const std::string &pem, bool is_private)
 {
-    FILE *f = fopen(pem.c_str(), "r");
-    if (!f)
+    bool opened = false;
+    EVP_PKEY *key = vireo_read_pem_key(pem, is_private, &opened);
+    if (!opened)
         throw pack_error("cannot open key '" + pem + "': " + strerror(errno));
-    EVP_PKEY *key = is_private ? PEM_read_PrivateKey(f, nullptr, nullptr, nullptr)
-                               : PEM_read_PUBKEY(f, nullptr, nullptr, nullptr);
-    if (!key && !is_private) {
-        rewind(f);
-        key = PEM_read_PrivateKey(f, nullptr, nullptr, nullptr);
-    }
-    fclose(f);
     if (!key || EVP_PKEY_base_id(key) != EVP_PKEY_RSA || EVP_PKEY_get_bits(key) != 1024) {
         EVP_PKEY_free(key);
         throw pack_error("'" + pem + "' is not a 1024-bit RSA " +
