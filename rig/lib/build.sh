@@ -45,11 +45,12 @@ rig_build_tool()
     # The simulator's preloaded library (sim/), for the power cuts the router makes at a chosen
     # flash operation of the tool, and its roads, laid out for the router's flash.
     cmake --build "$tree" -j2 --target vireo_firmware_upgrade vireo_firmware_pack \
-        vireo_flash_preload vireo_sim_road >/dev/null
+        vireo_flash_preload vireo_sim_road vireo_flash_floor >/dev/null
     RIG_TOOL=$tree/vireo_firmware_upgrade
     RIG_PACK=$tree/vireo_firmware_pack
     RIG_PRELOAD=$tree/sim/libvireo_flash_preload.so
     RIG_SIM_ROAD=$tree/sim/vireo_sim_road
+    RIG_FLOOR=$tree/sim/vireo_flash_floor
 }
 
 # The kernel package that linux-image-amd64 depends on, as apt knows it.

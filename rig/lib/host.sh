@@ -143,6 +143,37 @@ rig_medium()
 }
 rig_medium block2mtd
 
+# Timed flash: a chip's own times, spent by its driver (rig/README.md gives their source).
+# NAND: an SLC chip of nandsim's large-page geometry (1 Gbit, 2 KiB pages, 128 KiB blocks):
+# page read 25 us, 30 ns a byte on the bus, page program 200 us, block erase 2 ms.
+RIG_NAND_READ_US=25 RIG_NAND_CYCLE_NS=30 RIG_NAND_PROGRAM_US=200 RIG_NAND_ERASE_MS=2
+
+# nandsim's parameters for those times.
+rig_nand_timing()
+{
+    echo "do_delays=1 access_delay=$RIG_NAND_READ_US programm_delay=$RIG_NAND_PROGRAM_US" \
+        "erase_delay=$RIG_NAND_ERASE_MS input_cycle=$RIG_NAND_CYCLE_NS output_cycle=$RIG_NAND_CYCLE_NS"
+}
+
+# rig_floor MEDIUM BEFORE AFTER [BASE:SIZE...]: "E erases, P programs, F ms", the physical
+# floor of turning the flash image BEFORE into AFTER on MEDIUM's timed chip, the regions
+# given erased whatever they hold.
+rig_floor()
+{
+    local medium=$1 before=$2 after=$3 r erased=()
+    shift 3
+    for r in "$@"; do erased+=(--erased "$r"); done
+    case $medium in
+    nand)
+        # A page program also moves its 2048 bytes over the bus.
+        "$RIG_FLOOR" "$before" "$after" --erase-size 131072 --program-size 2048 \
+            --erase-us $((RIG_NAND_ERASE_MS * 1000)) \
+            --program-ns $((RIG_NAND_PROGRAM_US * 1000 + 2048 * RIG_NAND_CYCLE_NS)) "${erased[@]}"
+        ;;
+    *) echo "rig: no timed chip for $medium" >&2; return 1 ;;
+    esac
+}
+
 # The config line of a router on the current medium: FLASH, ERASE_SIZE and the rest given.
 rig_flash_config()
 {

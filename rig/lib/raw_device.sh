@@ -42,6 +42,10 @@ raw_new_layout=(
 
 RAW_PTN_BASE=0x060000
 
+# The partitions of the factory layout that up.bin's upgrade erases by name: those the image
+# carries, and the partition table, which changes.
+raw_erased_by_name=(partition-table firmware-info support-list BL2 FIP kernel rootfs)
+
 # raw_layout_field NAME FIELD LAYOUT...: base (FIELD 2) or size (FIELD 3) of NAME.
 raw_layout_field()
 {
@@ -132,7 +136,7 @@ raw_expected()
     rig_put "$exp" 0x660000 "$dir/old-FIP.bin"
     local part base size
     # Erases of the running system's partitions.
-    for part in partition-table firmware-info support-list BL2 FIP kernel rootfs; do
+    for part in "${raw_erased_by_name[@]}"; do
         base=$(raw_layout_field "$part" 2 "${raw_old_layout[@]}")
         size=$(raw_layout_field "$part" 3 "${raw_old_layout[@]}")
         rig_blank "$dir/ff" "$size"

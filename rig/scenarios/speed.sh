@@ -3,7 +3,9 @@
 # moves, erases, writes and read-backs) against what mtd-utils take to make the same writes:
 # flash_erase and nandwrite of each raw region the upgrade changes, ubiupdatevol of each
 # volume it replaces or copies. Both must leave the flash as expected; the median times of
-# three rounds and their ratio are printed.
+# three rounds and their ratio are printed. Then, on timed flash (the chip's own read,
+# program and erase times), -U once per work mode against the physical floor: the erases
+# and programs its result needs at least.
 
 scenario_speed()
 {
@@ -43,5 +45,47 @@ scenario_speed()
     cp "$ubi/factory.img" "$RIG_WORK/ubi-flash.img"
     rig_guest "$share" "$RIG_WORK/ubi-flash.img" || status=1
     grep '^speed' "$share/out/guest.log" | sed 's/^/    /'
+
+    speed_timed nand default "$raw" "$RAW_DISK" "$RAW_PTN_BASE" || status=1
+    speed_timed nand ubi "$ubi" "$UBI_DISK" "$UBI_PTN_BASE" || status=1
+    return $status
+}
+
+# speed_timed MEDIUM MODE DIR DISK PTN_BASE: -U of DIR's up.bin on the timed chip of MEDIUM,
+# in work mode MODE, against the physical floor between the flash just before it and the
+# flash after it; in raw mode the partitions the upgrade erases by name count as erased.
+speed_timed()
+{
+    local medium=$1 mode=$2 dir=$3 disk=$4 ptn=$5 share flash status=0 name
+    local label=raw erased=()
+    [ "$mode" = ubi ] && label=ubi
+    rig_medium "$medium"
+    share=$(rig_share "timed-$label" "$RIG_DIR/scenarios/speed-timed.guest.sh")
+    cp "$dir/up.bin" "$share/"
+    if [ "$mode" = ubi ]; then
+        cp -r "$dir/upgraded" "$share/"
+        rig_flash_config "FLASH_SIZE=$((disk)) PTN_BASE=$ptn UBI_ATTACH=ubi:0 MODE=ubi" >"$share/config"
+    else
+        cp "$dir/expected.img" "$share/"
+        rig_flash_config "FLASH_SIZE=$((disk)) PTN_BASE=$ptn MODE=default" >"$share/config"
+        for name in "${raw_erased_by_name[@]}"; do
+            erased+=("$(raw_layout_field "$name" 2 "${raw_old_layout[@]}"):$(raw_layout_field "$name" 3 "${raw_old_layout[@]}")")
+        done
+    fi
+    echo "NAND_TIMING=\"$(rig_nand_timing)\"" >>"$share/config"
+    flash=$RIG_WORK/timed-$label-flash.img
+    cp "$dir/factory.img" "$flash"
+    rig_guest "$share" "$flash" || status=1
+    local tool floor
+    tool=$(sed -n "s/^timed $mode: -U \([0-9]*\) ms$/\1/p" "$share/out/guest.log")
+    floor=$(rig_floor "$medium" "$share/out/before.img" "$flash" "${erased[@]}") || status=1
+    if [ -z "$tool" ] || [ -z "$floor" ]; then
+        echo "    no timing of -U on timed $medium ($label)"
+        return 1
+    fi
+    local ms=${floor##*, }
+    ms=${ms% ms}
+    echo "    speed $medium $label: -U $tool ms, floor $ms ms, $(awk "BEGIN { printf \"%.2f\", $tool / $ms }")x"
+    echo "      floor: ${floor%, *}"
     return $status
 }

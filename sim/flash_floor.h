@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+// The physical floor of a change of flash: what the chip itself must do to turn one image
+// into the other, however clever the writer. Every erase block whose bytes differ is erased
+// once, and so is every block of a region that is erased by name whatever it holds; every
+// program unit (a NAND page, a NOR byte) of an erased block that does not end as 0xFF is
+// programmed once. Reads are not counted: a writer may or may not read back.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct flash_region {
+    uint64_t base = 0;
+    uint64_t size = 0;
+};
+
+struct flash_floor {
+    uint64_t erases = 0;   // erase blocks
+    uint64_t programs = 0; // program units
+};
+
+// The floor between two images of the same flash. Fails (false, with why in error) when the
+// images differ in size, a geometry is zero, the erase block is not a whole number of program
+// units, or a region leaves the flash.
+bool flash_floor_of(const std::string &before, const std::string &after, uint32_t erase_size,
+                    uint32_t program_size, const std::vector<flash_region> &erased_by_name,
+                    flash_floor *out, std::string *error);
