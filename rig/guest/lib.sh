@@ -72,8 +72,7 @@ nand_chip()
 #   bytes in RAM: FLASH_IMAGE is programmed at boot, every byte at its offset, bad blocks
 #   included, and FLASH_SAVE=1 writes the flash back to /rig/out/flash.img at power-off);
 #   NAND_BADBLOCKS="N ..." erase blocks marked bad; NAND_BITFLIPS=N random bit flips per page
-#   read (corrected by the ECC); NAND_TIMING="do_delays=1 ..." nandsim's delays, the chip's
-#   read, program and erase times.
+#   read (corrected by the ECC).
 rig_flash_up()
 {
     modprobe mtd && modprobe mtdblock || return 1
@@ -95,7 +94,6 @@ rig_flash_up()
         local extra=""
         [ -n "$NAND_BADBLOCKS" ] && extra="badblocks=$(echo $NAND_BADBLOCKS | tr ' ' ,)"
         [ -n "$NAND_BITFLIPS" ] && extra="$extra bitflips=$NAND_BITFLIPS"
-        [ -n "$NAND_TIMING" ] && extra="$extra $NAND_TIMING"
         modprobe nandsim $(nand_chip "$FLASH") $extra || return 1
         if [ -n "$FLASH_IMAGE" ]; then
             nandwrite -q -N -k -p /dev/mtd0 "/rig/$FLASH_IMAGE" || return 1

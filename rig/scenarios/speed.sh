@@ -72,7 +72,7 @@ speed_timed()
             erased+=("$(raw_layout_field "$name" 2 "${raw_old_layout[@]}"):$(raw_layout_field "$name" 3 "${raw_old_layout[@]}")")
         done
     fi
-    echo "NAND_TIMING=\"$(rig_nand_timing)\"" >>"$share/config"
+    echo "NAND_PARAMS=\"$(rig_nand_timing)\"" >>"$share/config"
     flash=$RIG_WORK/timed-$label-flash.img
     cp "$dir/factory.img" "$flash"
     rig_guest "$share" "$flash" || status=1
