@@ -116,8 +116,10 @@ rig_modules=(
 rig_mtd_utils=(flash_erase mtdinfo nandwrite ubiattach ubidetach ubimkvol ubirmvol ubiupdatevol
                ubinfo)
 
-# The rig's own kernel module (rig/kmod, test equipment), built with Kbuild against Debian's
-# headers of the rig's kernel, which are installed when missing.
+# The rig's own kernel modules (rig/kmod, test equipment), built with Kbuild against Debian's
+# headers of the rig's kernel, which are installed when missing: the named partitions on the
+# whole flash, and the NOR flash in RAM.
+rig_kmods=(rig_mtdparts rig_nor)
 rig_build_kmod()
 {
     local headers=/usr/src/linux-headers-$RIG_KVER out=$RIG_BUILD/kmod
@@ -129,12 +131,17 @@ rig_build_kmod()
             "linux-headers-$RIG_KVER" >/dev/null
     fi
     mkdir -p "$out"
-    if ! cmp -s "$RIG_DIR/kmod/rig_mtdparts.c" "$out/rig_mtdparts.c" || [ ! -f "$out/rig_mtdparts.ko" ]; then
-        cp "$RIG_DIR/kmod/rig_mtdparts.c" "$RIG_DIR/kmod/Kbuild" "$out/"
+    local f stale=0
+    for f in "$RIG_DIR"/kmod/*.c "$RIG_DIR/kmod/Kbuild"; do
+        cmp -s "$f" "$out/${f##*/}" || stale=1
+    done
+    for f in "${rig_kmods[@]}"; do [ -f "$out/$f.ko" ] || stale=1; done
+    if [ $stale = 1 ]; then
+        cp "$RIG_DIR"/kmod/*.c "$RIG_DIR/kmod/Kbuild" "$out/"
         make -s -C "$headers" M="$out" modules >"$out/build.log" 2>&1 ||
             { cat "$out/build.log" >&2; return 1; }
     fi
-    RIG_KMOD=$out/rig_mtdparts.ko
+    RIG_KMOD_DIR=$out
 }
 
 # Copies a dynamically linked program and the libraries it needs into the tree.
@@ -158,7 +165,9 @@ rig_build_initramfs()
     for m in "${rig_modules[@]}"; do
         install -D -m 0644 "$RIG_MODULES/kernel/$m" "$tree/lib/modules/$RIG_KVER/kernel/$m"
     done
-    install -D -m 0644 "$RIG_KMOD" "$tree/lib/modules/$RIG_KVER/extra/rig_mtdparts.ko"
+    for m in "${rig_kmods[@]}"; do
+        install -D -m 0644 "$RIG_KMOD_DIR/$m.ko" "$tree/lib/modules/$RIG_KVER/extra/$m.ko"
+    done
     busybox depmod -b "$tree" "$RIG_KVER"
     for m in "${rig_mtd_utils[@]}"; do
         rig_copy_program "/usr/sbin/$m" "/usr/sbin/$m" "$tree"

@@ -23,6 +23,37 @@ dd if=/tmp/zz of=/dev/mtdblock0 bs=65536 seek=$((0x060000 / 65536)) status=none
 sync
 expect_bytes "mtdblock0 written, mtd$n read" "$data" 0 /tmp/zz
 
+if [ "$FLASH" = nor ]; then
+    expect_value "mtd0's type" nor "$(cat /sys/class/mtd/mtd0/type)"
+    expect_value "mtd0's erase size" "$ERASE_SIZE" "$(cat /sys/class/mtd/mtd0/erasesize)"
+    expect_value "mtd0's write size" 1 "$(cat /sys/class/mtd/mtd0/writesize)"
+    expect_value "mtd$n's type" nor "$(cat /sys/class/mtd/mtd$n/type)"
+    # A program only clears bits. 0xF0 over erased bytes, then 0x0F over them (bits to set):
+    # refused, the cells keeping old AND new; then 0x30 over 0xF0 (bits cleared only): taken.
+    flash_erase -q "$data" 0 1
+    printf '\360\360\360\360' >/tmp/f0
+    printf '\017\017\017\017' >/tmp/0f
+    printf '\060\060\060\060' >/tmp/30
+    printf '\000\000\000\000' >/tmp/00
+    dd if=/tmp/f0 of="$data" bs=4 seek=1 status=none && ok "0xF0 programmed over erased bytes" ||
+        not_ok "0xF0 over erased bytes refused"
+    expect_bytes "0xF0 reads back" "$data" 4 /tmp/f0
+    if dd if=/tmp/0f of="$data" bs=4 seek=1 status=none 2>/tmp/dd.err; then
+        not_ok "0x0F over 0xF0 (bits to set) was taken"
+    else
+        ok "0x0F over 0xF0 refused: $(head -1 /tmp/dd.err)"
+    fi
+    expect_bytes "the refused program left old AND new" "$data" 4 /tmp/00
+    dd if=/tmp/f0 of="$data" bs=4 seek=2 status=none
+    dd if=/tmp/30 of="$data" bs=4 seek=2 status=none && ok "0x30 over 0xF0 (bits cleared) taken" ||
+        not_ok "0x30 over 0xF0 (bits cleared) refused"
+    expect_bytes "0x30 reads back" "$data" 8 /tmp/30
+    head -c 4 /dev/zero | tr '\0' '\377' >/tmp/ff
+    expect_bytes "the byte behind is still erased" "$data" 12 /tmp/ff
+    flash_erase -q "$data" 0 1
+    expect_bytes "an erase sets 0xFF again" "$data" 4 /tmp/ff
+fi
+
 # The tool's own reading of the partition table from "/dev/mtd0"'s partition.
 ptn=$(mtd_dev partition-table)
 dd if="$ptn" of=/tmp/ptn.rec bs=65536 count=1 status=none
