@@ -3,7 +3,7 @@
 # the tool (x86_64), the kernel and its modules, and the initramfs. Sourced by run.sh.
 
 # libjson-c-dev: OpenWrt's jshn, built from libubox's sources for the openwrt scenario.
-rig_packages=(qemu-system-x86 busybox-static mtd-utils xz-utils libjson-c-dev)
+rig_packages=(qemu-system-x86 busybox-static mtd-utils xz-utils libjson-c-dev patch)
 
 # Installs the project's build dependencies and the rig's packages when any is missing.
 rig_install_packages()
@@ -50,6 +50,32 @@ rig_build_tool()
     RIG_PACK=$tree/vireo_firmware_pack
     RIG_PRELOAD=$tree/sim/libvireo_flash_preload.so
     RIG_SIM_ROAD=$tree/sim/vireo_sim_road
+}
+
+# A deliberately broken tool for the nor-broken-erase scenario: the last commit with
+# rig/broken/skip-erase.patch applied (the raw upgrade writes a partition's content without
+# erasing it first), built like the router's tool in build-rig/broken-tool. Sources are
+# copied over the previous ones only where they changed, so a new commit rebuilds only
+# what it touched. Sets RIG_BROKEN_TOOL.
+rig_build_broken_tool()
+{
+    local src=$RIG_BUILD/broken-src new=$RIG_BUILD/broken-new tree=$RIG_BUILD/broken-tool f
+    rm -rf "$new"
+    mkdir -p "$new" "$src"
+    git -C "$RIG_ROOT" archive HEAD | tar -x -C "$new"
+    patch -s -p1 -d "$new" <"$RIG_DIR/broken/skip-erase.patch" ||
+        { echo "rig: rig/broken/skip-erase.patch does not apply to the last commit" >&2; return 1; }
+    (cd "$new" && find . -type f) | while read -r f; do
+        cmp -s "$new/$f" "$src/$f" || install -D -m "$(stat -c %a "$new/$f")" "$new/$f" "$src/$f"
+    done
+    (cd "$src" && find . -type f) | while read -r f; do
+        [ -e "$new/$f" ] || rm -f "$src/$f"
+    done
+    rm -rf "$new"
+    cmake -S "$src" -B "$tree" -G Ninja -DVIREO_BUILD_TESTS=OFF -DVIREO_BUILD_BENCH=OFF \
+        -DVIREO_BUILD_SIM=ON -DVIREO_POWER_CUT_RECOVERY=ON >/dev/null
+    nice cmake --build "$tree" -j2 --target vireo_firmware_upgrade >/dev/null
+    RIG_BROKEN_TOOL=$tree/vireo_firmware_upgrade
 }
 
 # The kernel package that linux-image-amd64 depends on, as apt knows it.
