@@ -20,8 +20,10 @@
  *   erase_us             time an erase takes per erase block, slept once per erase
  *                        (default 0).
  *
- * The delays sleep (fsleep) instead of spinning, so a timed flash costs the emulated CPU
- * nothing. The flash reads 0xFF after loading; unloading frees it.
+ * The two times can be changed while the flash is up, through
+ * /sys/module/rig_nor/parameters/ (a scenario programs its image at full speed, then times
+ * the tool). They sleep (fsleep) instead of spinning, so a timed flash costs the emulated
+ * CPU nothing. The flash reads 0xFF after loading; unloading frees it.
  */
 #include <linux/delay.h>
 #include <linux/kernel.h>
@@ -40,11 +42,11 @@ module_param(erase_size, uint, 0444);
 MODULE_PARM_DESC(erase_size, "erase block size in bytes (default 128 KiB)");
 
 static unsigned int program_ns_per_byte;
-module_param(program_ns_per_byte, uint, 0444);
+module_param(program_ns_per_byte, uint, 0644);
 MODULE_PARM_DESC(program_ns_per_byte, "program time per byte in ns (default 0)");
 
 static unsigned int erase_us;
-module_param(erase_us, uint, 0444);
+module_param(erase_us, uint, 0644);
 MODULE_PARM_DESC(erase_us, "erase time per erase block in us (default 0)");
 
 static struct mtd_info nor;
@@ -72,7 +74,7 @@ static int rig_nor_erase(struct mtd_info *mtd, struct erase_info *instr)
 		return -EINVAL;
 	mutex_lock(&busy);
 	memset(cells + addr, 0xFF, len);
-	rig_nor_wait_us((u64)erase_us * div_u64(len, mtd->erasesize));
+	rig_nor_wait_us((u64)READ_ONCE(erase_us) * div_u64(len, mtd->erasesize));
 	mutex_unlock(&busy);
 	return 0;
 }
@@ -104,7 +106,7 @@ static int rig_nor_write(struct mtd_info *mtd, loff_t to, size_t len, size_t *re
 		if (now != buf[i] && bad == len)
 			bad = i;
 	}
-	rig_nor_wait_us(div_u64((u64)program_ns_per_byte * len + 999, 1000));
+	rig_nor_wait_us(div_u64((u64)READ_ONCE(program_ns_per_byte) * len + 999, 1000));
 	mutex_unlock(&busy);
 	if (bad < len) {
 		pr_warn_ratelimited("rig_nor: program at 0x%llx: 0x%02x asked, 0x%02x read back (not erased)\n",

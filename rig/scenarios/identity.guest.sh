@@ -23,6 +23,12 @@ dd if=/tmp/zz of=/dev/mtdblock0 bs=65536 seek=$((0x060000 / 65536)) status=none
 sync
 expect_bytes "mtdblock0 written, mtd$n read" "$data" 0 /tmp/zz
 
+# Centiseconds since boot.
+uptime_cs()
+{
+    awk '{ printf "%d\n", $1 * 100 }' /proc/uptime
+}
+
 if [ "$FLASH" = nor ]; then
     expect_value "mtd0's type" nor "$(cat /sys/class/mtd/mtd0/type)"
     expect_value "mtd0's erase size" "$ERASE_SIZE" "$(cat /sys/class/mtd/mtd0/erasesize)"
@@ -52,6 +58,23 @@ if [ "$FLASH" = nor ]; then
     expect_bytes "the byte behind is still erased" "$data" 12 /tmp/ff
     flash_erase -q "$data" 0 1
     expect_bytes "an erase sets 0xFF again" "$data" 4 /tmp/ff
+    # The times of a slow chip, set while the flash is up: 50 ms per erase block (the six of
+    # "data" in one erase) and 4 us per byte programmed (64 KiB in one write).
+    params=/sys/module/rig_nor/parameters
+    echo 50000 >$params/erase_us
+    t0=$(uptime_cs)
+    flash_erase -q "$data" 0 0
+    took=$(($(uptime_cs) - t0))
+    [ $took -ge 29 ] && ok "six erase blocks at 50 ms each took ${took}0 ms" ||
+        not_ok "six erase blocks at 50 ms each took ${took}0 ms"
+    echo 4000 >$params/program_ns_per_byte
+    t0=$(uptime_cs)
+    dd if=/rig/data.bin of="$data" bs=65536 count=1 status=none
+    took=$(($(uptime_cs) - t0))
+    [ $took -ge 26 ] && ok "64 KiB at 4 us per byte took ${took}0 ms" ||
+        not_ok "64 KiB at 4 us per byte took ${took}0 ms"
+    echo 0 >$params/erase_us
+    echo 0 >$params/program_ns_per_byte
 fi
 
 # The tool's own reading of the partition table from "/dev/mtd0"'s partition.
