@@ -99,4 +99,23 @@ head -c $((reserved - 100000)) /dev/zero | tr '\0' '\377' >>/tmp/vol.expect
 expect_same "volume holds the image, then 0xFF" "$vol" /tmp/vol.expect
 expect_value "ubi0 is a character device" c "$(stat -c %F /dev/ubi0 | cut -c1)"
 
+if [ "$FLASH" = nor ]; then
+    # Unloaded, the NOR flash goes away; loaded again it is a fresh, erased chip of the size
+    # asked for, and a size that is no whole number of erase blocks is refused.
+    ubidetach -d 0 >/dev/null
+    rmmod rig_mtdparts
+    rmmod rig_nor && ok "rig_nor unloads" || not_ok "rig_nor does not unload"
+    [ -e /sys/class/mtd/mtd0 ] && not_ok "mtd0 is still there without rig_nor" ||
+        ok "mtd0 went with rig_nor"
+    modprobe rig_nor size=1048576 erase_size=131072
+    expect_value "the new chip's size" 1048576 "$(cat /sys/class/mtd/mtd0/size)"
+    expect_value "the new chip's erase size" 131072 "$(cat /sys/class/mtd/mtd0/erasesize)"
+    head -c 1048576 /dev/zero | tr '\0' '\377' >/tmp/erased
+    expect_same "the new chip is erased" /dev/mtd0 /tmp/erased
+    rmmod rig_nor
+    modprobe rig_nor size=100000 erase_size=65536 2>/dev/null &&
+        not_ok "a size of 100000 bytes in 64 KiB erase blocks was taken" ||
+        ok "a size of 100000 bytes in 64 KiB erase blocks is refused"
+fi
+
 rig_done
