@@ -7,8 +7,8 @@
 # Builds what it needs from Debian's packages (cached in build-rig/), boots one fresh VM per
 # scenario (several for the ones that reboot or cut the power) and ends with the line
 # "N passed, M failed". --sweep cuts the power at 20 timed points per mode instead of 4, and
-# powercut-nand at every flash operation of every road in every variant (hours) instead of
-# a stride of at least 50 per road.
+# powercut-nand and powercut-nor at every flash operation of every road in every variant
+# (hours) instead of a stride of at least 50 (NAND) or 10 (NOR) per road.
 set -euo pipefail
 
 RIG_ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -20,7 +20,8 @@ for f in "$RIG_DIR"/scenarios/*.sh; do
 done
 
 rig_all_scenarios=(identity signature raw raw-ubi ubi ubi-badblocks raw-badblock speed powercut-raw
-                   powercut-ubi powercut-nand rewrite small-router openwrt)
+                   powercut-ubi powercut-nand powercut-nor nor-broken-erase rewrite small-router
+                   openwrt)
 
 usage()
 {

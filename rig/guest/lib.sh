@@ -70,7 +70,10 @@ nand_chip()
 # partition table names, as the boot loader of the real device does.
 #   FLASH=mtdram | block2mtd (the virtio disk) | nand | nand-small (nandsim, which keeps its
 #   bytes in RAM: FLASH_IMAGE is programmed at boot, every byte at its offset, bad blocks
-#   included, and FLASH_SAVE=1 writes the flash back to /rig/out/flash.img at power-off);
+#   included, and FLASH_SAVE=1 writes the flash back to /rig/out/flash.img at power-off) |
+#   nor (the rig's NOR flash in RAM, FLASH_SIZE bytes in ERASE_SIZE blocks: programmed from
+#   FLASH_IMAGE and saved with FLASH_SAVE=1 the same way; NOR_PROGRAM_NS nanoseconds per byte
+#   programmed and NOR_ERASE_US microseconds per block erased, default 0);
 #   NAND_BADBLOCKS="N ..." erase blocks marked bad; NAND_BITFLIPS=N random bit flips per page
 #   read (corrected by the ECC).
 rig_flash_up()
@@ -89,6 +92,14 @@ rig_flash_up()
         local i=0
         while [ ! -b /dev/vda ] && [ $i -lt 50 ]; do sleep 0.1; i=$((i + 1)); done
         modprobe block2mtd block2mtd=/dev/vda,$((ERASE_SIZE / 1024))KiB || return 1
+        ;;
+    nor)
+        modprobe rig_nor size=$((FLASH_SIZE)) erase_size=$((ERASE_SIZE)) \
+            program_ns_per_byte=${NOR_PROGRAM_NS:-0} erase_us=${NOR_ERASE_US:-0} || return 1
+        if [ -n "$FLASH_IMAGE" ]; then
+            flash_erase -q /dev/mtd0 0 0 &&
+                dd if="/rig/$FLASH_IMAGE" of=/dev/mtd0 bs=65536 status=none || return 1
+        fi
         ;;
     nand | nand-small)
         local extra=""
@@ -134,10 +145,10 @@ rig_partitions_up()
     modprobe rig_mtdparts layout="$layout"
 }
 
-# At power-off: the flash of a nandsim router back to the host, when the scenario asks.
+# At power-off: the flash of a nandsim or NOR router back to the host, when the scenario asks.
 rig_flash_down()
 {
-    case $FLASH in nand | nand-small) ;; *) return 0 ;; esac
+    case $FLASH in nand | nand-small | nor) ;; *) return 0 ;; esac
     [ "$FLASH_SAVE" = 1 ] || return 0
     dd if=/dev/mtd0 of=/rig/out/flash.img bs=131072 status=none
 }

@@ -3,7 +3,7 @@
 # the tool (x86_64), the kernel and its modules, and the initramfs. Sourced by run.sh.
 
 # libjson-c-dev: OpenWrt's jshn, built from libubox's sources for the openwrt scenario.
-rig_packages=(qemu-system-x86 busybox-static mtd-utils xz-utils libjson-c-dev)
+rig_packages=(qemu-system-x86 busybox-static mtd-utils xz-utils libjson-c-dev patch)
 
 # Installs the project's build dependencies and the rig's packages when any is missing.
 rig_install_packages()
@@ -51,6 +51,32 @@ rig_build_tool()
     RIG_PRELOAD=$tree/sim/libvireo_flash_preload.so
     RIG_SIM_ROAD=$tree/sim/vireo_sim_road
     RIG_FLOOR=$tree/sim/vireo_flash_floor
+}
+
+# A deliberately broken tool for the nor-broken-erase scenario: the last commit with
+# rig/broken/skip-erase.patch applied (the raw upgrade writes a partition's content without
+# erasing it first), built like the router's tool in build-rig/broken-tool. Sources are
+# copied over the previous ones only where they changed, so a new commit rebuilds only
+# what it touched. Sets RIG_BROKEN_TOOL.
+rig_build_broken_tool()
+{
+    local src=$RIG_BUILD/broken-src new=$RIG_BUILD/broken-new tree=$RIG_BUILD/broken-tool f
+    rm -rf "$new"
+    mkdir -p "$new" "$src"
+    git -C "$RIG_ROOT" archive HEAD | tar -x -C "$new"
+    patch -s -p1 -d "$new" <"$RIG_DIR/broken/skip-erase.patch" ||
+        { echo "rig: rig/broken/skip-erase.patch does not apply to the last commit" >&2; return 1; }
+    (cd "$new" && find . -type f) | while read -r f; do
+        cmp -s "$new/$f" "$src/$f" || install -D -m "$(stat -c %a "$new/$f")" "$new/$f" "$src/$f"
+    done
+    (cd "$src" && find . -type f) | while read -r f; do
+        [ -e "$new/$f" ] || rm -f "$src/$f"
+    done
+    rm -rf "$new"
+    cmake -S "$src" -B "$tree" -G Ninja -DVIREO_BUILD_TESTS=OFF -DVIREO_BUILD_BENCH=OFF \
+        -DVIREO_BUILD_SIM=ON -DVIREO_POWER_CUT_RECOVERY=ON >/dev/null
+    nice cmake --build "$tree" -j2 --target vireo_firmware_upgrade >/dev/null
+    RIG_BROKEN_TOOL=$tree/vireo_firmware_upgrade
 }
 
 # The kernel package that linux-image-amd64 depends on, as apt knows it.
@@ -117,8 +143,10 @@ rig_modules=(
 rig_mtd_utils=(flash_erase mtdinfo nandwrite ubiattach ubidetach ubimkvol ubirmvol ubiupdatevol
                ubinfo)
 
-# The rig's own kernel module (rig/kmod, test equipment), built with Kbuild against Debian's
-# headers of the rig's kernel, which are installed when missing.
+# The rig's own kernel modules (rig/kmod, test equipment), built with Kbuild against Debian's
+# headers of the rig's kernel, which are installed when missing: the named partitions on the
+# whole flash, and the NOR flash in RAM.
+rig_kmods=(rig_mtdparts rig_nor)
 rig_build_kmod()
 {
     local headers=/usr/src/linux-headers-$RIG_KVER out=$RIG_BUILD/kmod
@@ -130,12 +158,17 @@ rig_build_kmod()
             "linux-headers-$RIG_KVER" >/dev/null
     fi
     mkdir -p "$out"
-    if ! cmp -s "$RIG_DIR/kmod/rig_mtdparts.c" "$out/rig_mtdparts.c" || [ ! -f "$out/rig_mtdparts.ko" ]; then
-        cp "$RIG_DIR/kmod/rig_mtdparts.c" "$RIG_DIR/kmod/Kbuild" "$out/"
+    local f stale=0
+    for f in "$RIG_DIR"/kmod/*.c "$RIG_DIR/kmod/Kbuild"; do
+        cmp -s "$f" "$out/${f##*/}" || stale=1
+    done
+    for f in "${rig_kmods[@]}"; do [ -f "$out/$f.ko" ] || stale=1; done
+    if [ $stale = 1 ]; then
+        cp "$RIG_DIR"/kmod/*.c "$RIG_DIR/kmod/Kbuild" "$out/"
         make -s -C "$headers" M="$out" modules >"$out/build.log" 2>&1 ||
             { cat "$out/build.log" >&2; return 1; }
     fi
-    RIG_KMOD=$out/rig_mtdparts.ko
+    RIG_KMOD_DIR=$out
 }
 
 # Copies a dynamically linked program and the libraries it needs into the tree.
@@ -159,7 +192,9 @@ rig_build_initramfs()
     for m in "${rig_modules[@]}"; do
         install -D -m 0644 "$RIG_MODULES/kernel/$m" "$tree/lib/modules/$RIG_KVER/kernel/$m"
     done
-    install -D -m 0644 "$RIG_KMOD" "$tree/lib/modules/$RIG_KVER/extra/rig_mtdparts.ko"
+    for m in "${rig_kmods[@]}"; do
+        install -D -m 0644 "$RIG_KMOD_DIR/$m.ko" "$tree/lib/modules/$RIG_KVER/extra/$m.ko"
+    done
     busybox depmod -b "$tree" "$RIG_KVER"
     for m in "${rig_mtd_utils[@]}"; do
         rig_copy_program "/usr/sbin/$m" "/usr/sbin/$m" "$tree"

@@ -24,14 +24,15 @@ rig_share()
 }
 
 # rig_router SHARE [FLASH]: boots the VM on the current medium (rig_medium) with the flash
-# image file FLASH as its flash. On block2mtd the file is the flash; nandsim keeps its bytes
-# in RAM, so the file is programmed at boot and the flash written back to it at power-off.
+# image file FLASH as its flash. On block2mtd the file is the flash; nandsim and the NOR flash
+# keep their bytes in RAM, so the file is programmed at boot and the flash written back to it
+# at power-off.
 # Result: the guest's status (96 when the flash did not come back).
 rig_router()
 {
     local share=$1 flash=${2:-} status=0
     case $RIG_MEDIUM in
-    nand | nand-small)
+    nand | nand-small | nor)
         if [ -n "$flash" ]; then
             cp "$flash" "$share/flash.img"
             echo "FLASH_IMAGE=flash.img FLASH_SAVE=1" >>"$share/config"

@@ -125,12 +125,15 @@ rig_pack()
 # leaves after UBI's two headers (RIG_LEB), as the kernel's UBI finds them on that medium.
 #   block2mtd, mtdram: 64 KiB erase blocks, byte-wise writes;
 #   nand: nandsim's large-page chip, 2 KiB pages written in 512-byte sub-pages, 128 KiB blocks;
-#   nand-small: its small-page chip, 512-byte pages in 256-byte sub-pages, 16 KiB blocks.
+#   nand-small: its small-page chip, 512-byte pages in 256-byte sub-pages, 16 KiB blocks;
+#   nor [ERASE]: the rig's NOR flash, byte-wise writes that only clear bits, erase blocks of
+#   ERASE bytes (131072, the default, or 65536).
 rig_medium()
 {
     RIG_MEDIUM=$1
     case $1 in
     block2mtd | mtdram) RIG_PEB=65536 RIG_MIN_IO=1 RIG_SUB_PAGE=1 ;;
+    nor) RIG_PEB=${2:-131072} RIG_MIN_IO=1 RIG_SUB_PAGE=1 ;;
     nand) RIG_PEB=131072 RIG_MIN_IO=2048 RIG_SUB_PAGE=512 ;;
     nand-small) RIG_PEB=16384 RIG_MIN_IO=512 RIG_SUB_PAGE=256 ;;
     *) echo "rig: unknown medium $1" >&2; return 1 ;;

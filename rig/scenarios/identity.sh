@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 # Device identity: the whole flash, a partition's character device and its block device
-# show the same bytes, on mtdram, block2mtd and both NAND chips; UBI on each finds the LEB
-# size the host makes its images for, and a volume replaced with ubiupdatevol reads back as
-# the image followed by 0xFF up to its reserved size.
+# show the same bytes, on mtdram, block2mtd, both NAND chips and the NOR flash (64 KiB erase
+# blocks); UBI on each finds the LEB size the host makes its images for, and a volume
+# replaced with ubiupdatevol reads back as the image followed by 0xFF up to its reserved size.
+# On NOR the medium's type and geometry are checked, and that a program only clears bits.
 
 identity_layout=(
     "BL2 0x000000 0x040000"
@@ -14,8 +15,8 @@ identity_layout=(
 scenario_identity()
 {
     local status=0 backend flash share
-    for backend in mtdram block2mtd nand nand-small; do
-        rig_medium "$backend"
+    for backend in mtdram block2mtd nand nand-small nor; do
+        rig_medium "$backend" 65536
         share=$(rig_share "$backend" "$RIG_DIR/scenarios/identity.guest.sh")
         flash=$share/flash.img
         rig_blank "$flash" 0x400000

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-# Guest part of the powercut-nand scenario: the power cut at chosen flash operations of one
-# upgrade road, on nandsim. nandsim keeps its bytes in RAM and a write to it is done when it
-# returns, so the tool killed (SIGKILL, by the preloaded library) at operation N leaves
-# exactly the flash a power cut there would. After each cut the router "reboots" in the same
+# Guest part of the powercut-nand and powercut-nor scenarios: the power cut at chosen flash
+# operations of one upgrade road, on nandsim or the rig's NOR flash. Both keep their bytes in
+# RAM and a write to them is done when it returns, so the tool killed (SIGKILL, by the
+# preloaded library) at operation N leaves exactly the flash a power cut there would. After each cut the router "reboots" in the same
 # boot (the partitions of the table the flash holds, UBI detached and scanned again), the
 # flash is classified, the same command runs again, and the flash is classified again.
 #
@@ -10,7 +10,8 @@
 # "flash:OFFSET:LENGTH") OTHER (must never change), CARRIED (the image's contents), USER
 # (user data the upgrade carries over), SPARE (bytes of the target whose final value does
 # not matter: an erased old place, the rest of a partition behind its content) and FLAG
-# (the target's flag record); MIN_POINTS, and SWEEP=1 for every operation in every variant.
+# (the target's flag record); MIN_POINTS, SPREAD_ONLY=1 for the even spread of MIN_POINTS
+# alone, and SWEEP=1 for every operation in every variant.
 . /lib/rig.sh
 . /rig/config
 PRELOAD=/usr/lib/vireo_flash_preload.so
@@ -48,7 +49,11 @@ restore()
 {
     ubi_down
     flash_erase -q /dev/mtd0 0 0
-    nandwrite -q -N -k -p /dev/mtd0 /tmp/factory.img
+    if [ "$FLASH" = nor ]; then
+        dd if=/tmp/factory.img of=/dev/mtd0 bs=65536 status=none
+    else
+        nandwrite -q -N -k -p /dev/mtd0 /tmp/factory.img
+    fi
     reboot_flash
 }
 
@@ -167,12 +172,15 @@ expect_value "$ROAD: the uncut run" 0 "$status"
 expect_value "$ROAD: the uncut run leaves the target" installed "$(classify /tmp/ref/installed)"
 
 # The cut points: every operation whose kind (or target) differs from the one before it, and
-# the one before it, plus an even spread up to MIN_POINTS; with SWEEP, every operation.
-awk -v min="${MIN_POINTS:-50}" -v all="${SWEEP:-0}" '
+# the one before it (not with SPREAD_ONLY), plus an even spread up to MIN_POINTS; with SWEEP,
+# every operation.
+awk -v min="${MIN_POINTS:-50}" -v all="${SWEEP:-0}" -v spread="${SPREAD_ONLY:-0}" '
     { key[NR] = $2 " " $3 " " $4 }
     END {
         for (n = 1; n <= NR; n++)
-            if (all == 1 || n == 1 || key[n] != key[n - 1]) { pick[n] = 1; if (n > 1) pick[n - 1] = 1 }
+            if (all == 1 || (spread != 1 && (n == 1 || key[n] != key[n - 1]))) {
+                pick[n] = 1; if (n > 1) pick[n - 1] = 1
+            }
         step = NR / min; if (step < 1) step = 1
         for (x = 1; x <= NR; x += step) pick[int(x)] = 1
         for (n = 1; n <= NR; n++) if (pick[n]) print n

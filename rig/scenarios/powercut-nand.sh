@@ -8,15 +8,22 @@
 # raw-ubi as they are on the small-page one (16 KiB). The test command runs a stride of at
 # least 50 cut points per road (the variant rotating); --sweep every operation in every
 # variant. Two routers run at a time.
+#
+# powercut-nor: the same five roads on the rig's NOR flash (a program only clears bits), at
+# their host size (64 KiB erase blocks), with a shorter stride: an even spread of
+# RIG_POWERCUT_NOR_POINTS cut points per road, the variant rotating (every operation in every
+# variant with --sweep).
 
 RIG_POWERCUT_MIN=50
+RIG_POWERCUT_NOR_POINTS=10
 
-# pc_road ROAD: one router for ROAD; its report in $RIG_WORK/ROAD.report.
+# pc_road ROAD [nor]: one router for ROAD; its report in $RIG_WORK/ROAD.report.
 pc_road()
 {
-    local road=$1 data=$RIG_WORK/$1-data share scale dev base size
-    case $road in
-    raw-ubi) rig_medium nand-small; scale=1 ;;
+    local road=$1 data=$RIG_WORK/$1-data share scale dev base size points=$RIG_POWERCUT_MIN spread=0
+    case ${2:-}:$road in
+    nor:*) rig_medium nor 65536; scale=1 points=$RIG_POWERCUT_NOR_POINTS spread=1 ;;
+    *:raw-ubi) rig_medium nand-small; scale=1 ;;
     *) rig_medium nand; scale=2 ;;
     esac
     rm -rf "$data"
@@ -33,7 +40,7 @@ pc_road()
     {
         rig_flash_config "$(cat "$data/flash.conf")"
         cat "$data/road.conf"
-        echo "ROAD=$road MIN_POINTS=$RIG_POWERCUT_MIN SWEEP=$RIG_POWERCUT_SWEEP"
+        echo "ROAD=$road MIN_POINTS=$points SPREAD_ONLY=$spread SWEEP=$RIG_POWERCUT_SWEEP"
     } >"$share/config"
     cp "$data/factory.img" "$RIG_WORK/$road-flash.img"
     RIG_BOOT_TIMEOUT=$((RIG_POWERCUT_SWEEP == 1 ? 36000 : 1200))
@@ -47,10 +54,21 @@ pc_road()
 
 scenario_powercut_nand()
 {
+    pc_roads nand
+}
+
+scenario_powercut_nor()
+{
+    pc_roads nor
+}
+
+# pc_roads nand|nor: every road, two routers at a time, their reports in order.
+pc_roads()
+{
     local status=0 road pids=()
     local roads=(raw-moves raw raw-ubi ubi rollback)
     for road in "${roads[@]}"; do
-        pc_road "$road" &
+        pc_road "$road" "$1" &
         pids+=($!)
         # Two routers at a time.
         if [ ${#pids[@]} -eq 2 ]; then

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# UBI work mode on NAND: -C, -U with volume replacement through the volume-update ioctl,
+# UBI work mode on NAND and on NOR (64 KiB erase blocks): -C, -U with volume replacement through the volume-update ioctl,
 # the user data copied to the backup image, flags and scores; the same software version left
 # alone; roll-back. Every volume is read back and compared. ubi-badblocks: the same on a NAND
 # whose UBI partition holds two bad erase blocks and whose every page read flips a bit (which
@@ -7,20 +7,24 @@
 
 scenario_ubi()
 {
-    ubi_scenario "" ""
+    local status=0
+    ubi_scenario nand "" "" || status=1
+    ubi_scenario nor "" "" || status=1
+    return $status
 }
 
 scenario_ubi_badblocks()
 {
     # Erase blocks 6 and 30 of the chip: 2 and 26 of the "ubi" partition (base 0x080000).
-    RIG_UBI_BAD="2 26" ubi_scenario "6 30" 1
+    RIG_UBI_BAD="2 26" ubi_scenario nand "6 30" 1
 }
 
-# ubi_scenario BADBLOCKS BITFLIPS
+# ubi_scenario MEDIUM BADBLOCKS BITFLIPS
 ubi_scenario()
 {
-    local data=$RIG_WORK/data share
-    rig_medium nand
+    local data=$RIG_WORK/$1-data share
+    rig_medium "$1" 65536
+    shift
     rig_device ubi "$data"
     # Roll-back from primary score 8 and backup score 3 (set with ubiupdatevol).
     local rb=$data/rollback
@@ -34,7 +38,7 @@ ubi_scenario()
     rig_pad "$rb/extra-para" "$RIG_LEB"
     rig_pad "$rb/extra-para.b" "$RIG_LEB"
 
-    share=$(rig_share vm "$RIG_DIR/scenarios/ubi.guest.sh")
+    share=$(rig_share "$RIG_MEDIUM" "$RIG_DIR/scenarios/ubi.guest.sh")
     cp "$data"/{up,same,old,other}.bin "$share/"
     cp -r "$data/factory" "$data/upgraded" "$rb" "$share/"
     cp "$data/factory.img" "$RIG_WORK/flash.img"
