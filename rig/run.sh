@@ -20,7 +20,7 @@ for f in "$RIG_DIR"/scenarios/*.sh; do
 done
 
 rig_all_scenarios=(identity signature raw raw-ubi ubi ubi-badblocks raw-badblock speed powercut-raw
-                   powercut-ubi powercut-nand rewrite small-router openwrt)
+                   powercut-ubi powercut-nand rewrite small-router openwrt large-move)
 
 usage()
 {

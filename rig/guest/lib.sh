@@ -72,7 +72,8 @@ nand_chip()
 #   bytes in RAM: FLASH_IMAGE is programmed at boot, every byte at its offset, bad blocks
 #   included, and FLASH_SAVE=1 writes the flash back to /rig/out/flash.img at power-off);
 #   NAND_BADBLOCKS="N ..." erase blocks marked bad; NAND_BITFLIPS=N random bit flips per page
-#   read (corrected by the ECC).
+#   read (corrected by the ECC); NAND_PARAMS more of nandsim's parameters (the last of a
+#   name holds: overridesize=0 gives the chip its own size).
 rig_flash_up()
 {
     modprobe mtd && modprobe mtdblock || return 1
@@ -94,6 +95,7 @@ rig_flash_up()
         local extra=""
         [ -n "$NAND_BADBLOCKS" ] && extra="badblocks=$(echo $NAND_BADBLOCKS | tr ' ' ,)"
         [ -n "$NAND_BITFLIPS" ] && extra="$extra bitflips=$NAND_BITFLIPS"
+        [ -n "$NAND_PARAMS" ] && extra="$extra $NAND_PARAMS"
         modprobe nandsim $(nand_chip "$FLASH") $extra || return 1
         if [ -n "$FLASH_IMAGE" ]; then
             nandwrite -q -N -k -p /dev/mtd0 "/rig/$FLASH_IMAGE" || return 1
