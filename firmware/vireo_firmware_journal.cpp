@@ -32,6 +32,7 @@ const uint32_t kChunk = 64 << 10;     // bytes read or written at a time
 const uint32_t kMaxPlan = 1u << 20;   // a plan larger than this is no plan of ours
 const uint32_t kMaxTable = 60u << 10; // the image's table, kept whole in the plan
 const size_t kNameLen = 32;
+const uint32_t kRecordSize = 24; // magic, index, 0, check
 
 struct extent {
     uint32_t base;
@@ -558,8 +559,40 @@ bool stage(const flash_dev &f, plan *p)
     return false;
 }
 
+// Whether a plan whose check holds fits the flash it was found on: its geometry, every
+// block it names and every move inside the flash, each staged copy inside the staged stream.
+// A plan that does not was not written for this flash, and nothing it names is touched.
+bool plan_fits(const flash_dev &f, const plan &p, uint64_t at)
+{
+    const uint64_t size = static_cast<uint64_t>(f.size);
+    const uint64_t erase = p.erase;
+    const auto inside = [size](uint64_t base, uint64_t len) {
+        return base <= size && len <= size - base;
+    };
+    const auto blocks = [&](const extent &e) {
+        return e.len > 0 && e.base % erase == 0 && e.len % erase == 0 && inside(e.base, e.len);
+    };
+    if (p.erase != f.geo.erase_size || p.unit < kRecordSize || p.unit > p.erase ||
+        p.erase % p.unit != 0 || p.home != at || p.plan_blocks == 0 || p.record_blocks == 0 ||
+        !inside(p.home, (uint64_t{p.plan_blocks} + p.record_blocks) * erase))
+        return false;
+    uint64_t staged = 0;
+    for (const extent &e : p.staging) {
+        if (!blocks(e))
+            return false;
+        staged += e.len;
+    }
+    if (!std::all_of(p.erase_after.begin(), p.erase_after.end(), blocks))
+        return false;
+    return std::all_of(p.moves.begin(), p.moves.end(), [&](const move_plan &m) {
+        return inside(m.old_base, m.old_size) && inside(m.new_base, m.new_size) &&
+               m.len <= m.old_size && m.len <= m.new_size && m.staged <= staged &&
+               m.len <= staged - m.staged;
+    });
+}
+
 // The plan pending in flash, if any: the first erase block that starts one whose check
-// holds.
+// holds. One that does not fit the flash is traced and left alone.
 bool find_plan(const flash_dev &f, plan *p)
 {
     uint8_t head[16];
@@ -572,10 +605,14 @@ bool find_plan(const flash_dev &f, plan *p)
         if (bytes.empty() || !f.read(at, bytes.data(), total))
             continue;
         plan found;
-        if (decode(bytes.data(), bytes.size(), &found) && found.home == at) {
+        if (!decode(bytes.data(), bytes.size(), &found) || found.home != at)
+            continue;
+        if (plan_fits(f, found, at)) {
             *p = std::move(found);
             return true;
         }
+        VIREO_TRACE("journal at 0x%08x does not fit this flash: left alone.\n",
+                    static_cast<uint32_t>(at));
     }
     return false;
 }

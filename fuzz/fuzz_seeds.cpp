@@ -7,6 +7,7 @@
 #include "crypto/vireo_md5.h"
 #include "crypto/vireo_rsa.h"
 #include "firmware/vireo_firmware_up_ptn_table.h"
+#include "journal_fixture.h"
 #include "pack_fixture.h"
 #include "raw_device.h"
 
@@ -137,6 +138,16 @@ int main(int argc, char **argv)
                 "\tlist special_id \"5553\\\n0000\"\n");
     seed("uci", "package profile\nconfig 'global' g # comment\n\toption name 'a b'; option x y\n"
                 "config global g\n\tlist name c\nc t\n\to k \"multi\nline\"\n\tl k2 ''\n");
+    // Plans at the start of a 256 KiB flash: one whose staged block lies inside it, one
+    // with a block to erase after, both also with their check left to the target.
+    plan_fields fits;
+    fits.staged_base = 0x20000;
+    plan_fields erases = fits;
+    erases.after_base = 0x30000;
+    erases.after_len = 0x10000;
+    for (const plan_fields &f : {fits, erases})
+        for (char control : {'\x00', '\x01'})
+            seed("journal", control + plan_bytes(f, 0));
     printf("%d seeds in %s\n", seeds, out_dir.c_str());
     return 0;
 }

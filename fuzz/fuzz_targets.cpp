@@ -7,11 +7,13 @@
 #include "crypto/vireo_rsa.h"
 #include "firmware/vireo_firmware.h"
 #include "firmware/vireo_firmware_integrity.h"
+#include "firmware/vireo_firmware_journal.h"
 #include "firmware/vireo_firmware_keyring.h"
 #include "firmware/vireo_prehash_lane.h"
 #include "firmware/vireo_firmware_records.h"
 #include "firmware/vireo_firmware_seal.h"
 #include "firmware/vireo_firmware_walk.h"
+#include "journal_fixture.h"
 #include "main/vireo_firmware_upgrade_main.h"
 #include "pack_fixture.h"
 #include "ptn/vireo_extra_para.h"
@@ -347,6 +349,38 @@ void fuzz_check_ubi(const uint8_t *data, size_t size)
     run_check(digest, data, size, true);
 }
 
+// The journal reader as a retry runs it: the input is the start of the whole flash
+// (/dev/mtd0 of a fake root, a plain file of 64 KiB blocks; 0xFF behind the input up to
+// 256 KiB), in which a pending plan is looked for and, when one is found, finished as far as
+// the flash allows. Input: a control byte, then the flash. Control & 1 gives a plan at the
+// flash's start the check its writer gives it (over the bytes before its total length), so
+// that mutations reach the fields behind the check.
+void fuzz_journal(const uint8_t *data, size_t size)
+{
+    const size_t kFlash = 4 << 16;
+    if (size < 1 || size - 1 > kFlash)
+        return;
+    std::string flash(reinterpret_cast<const char *>(data + 1), size - 1);
+    if ((data[0] & 1) && flash.size() >= 24) {
+        const uint32_t total = vireo_get_be32(reinterpret_cast<const uint8_t *>(&flash[12]));
+        if (total >= 24 && total <= flash.size()) {
+            const uint64_t check =
+                plan_check(reinterpret_cast<const uint8_t *>(flash.data()), total - 8);
+            vireo_put_be32(reinterpret_cast<uint8_t *>(&flash[total - 8]),
+                           static_cast<uint32_t>(check >> 32));
+            vireo_put_be32(reinterpret_cast<uint8_t *>(&flash[total - 4]),
+                           static_cast<uint32_t>(check));
+        }
+    }
+    flash.resize(kFlash, '\xff');
+    static fake_root root;
+    root.write("dev/mtd0", flash);
+    vireo_journal_resume();
+    // Whatever it finished, the flash keeps its size: nothing is written past it.
+    if (root.bytes("/dev/mtd0").size() != kFlash)
+        abort();
+}
+
 using target_fn = void (*)(const uint8_t *, size_t);
 target_fn target;
 
@@ -358,7 +392,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
         {"chain", fuzz_chain},     {"up_ptn_table", fuzz_up_ptn_table},
         {"records", fuzz_records}, {"version", fuzz_version},
         {"uci", fuzz_uci},         {"rsa", fuzz_rsa},
-        {"check", fuzz_check},     {"check_ubi", fuzz_check_ubi}};
+        {"check", fuzz_check},     {"check_ubi", fuzz_check_ubi},
+        {"journal", fuzz_journal}};
     for (const auto &[name, fn] : targets)
         if (name == VIREO_FUZZ_TARGET)
             target = fn;

@@ -21,7 +21,7 @@ done
 
 rig_all_scenarios=(identity signature raw raw-ubi ubi ubi-badblocks raw-badblock speed powercut-raw
                    powercut-ubi powercut-nand powercut-nor nor-broken-erase rewrite small-router
-                   openwrt)
+                   openwrt large-move)
 
 usage()
 {

@@ -34,7 +34,8 @@ targets=("$@")
 [ ${#targets[@]} -eq 0 ] && read -r -a targets < <(tr ';' ' ' < "$build/fuzz/targets.txt")
 # Whole firmware files are large; the other inputs are small documents.
 declare -A max_len=([chain]=300000 [check]=300000 [check_ubi]=300000 [up_ptn_table]=65536
-                    [records]=16384 [uci]=4096 [rsa]=1024 [version]=256)
+                    [records]=16384 [uci]=4096 [rsa]=1024 [version]=256
+                    [journal]=8192)
 
 run=$build/run
 rm -rf "$run"

@@ -8,8 +8,9 @@
 # (sim/powercut_main.cpp, sim/README.md), two roads at a time: for each road the upgrade runs once uncut to count its flash-changing
 # operations (writes to flash nodes, erases, volume-update starts, shell commands), then is
 # killed before, after and half-way through each of them on a fake device whose flash behaves
-# as NOR flash and whose UBI volumes as UBI volumes. One line per road, then
-# "N passed, M failed" over the roads.
+# as NOR flash and whose UBI volumes as UBI volumes. One line per road (a road fails with a
+# violation, a retry that did not install, or user data lost), then "N passed, M failed" over
+# the roads.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,7 +28,10 @@ passed=0
 failed=0
 for road in "${roads[@]}"; do
     grep -v '^[0-9]* passed, [0-9]* failed$' "$out/$road.log" || true
-    if grep -q '^1 passed, 0 failed$' "$out/$road.log"; then
+    # The router build loses no user data at any cut (scripts/powercut-broken.sh shows that
+    # the sweep sees a loss where there is one).
+    if grep -q '^1 passed, 0 failed$' "$out/$road.log" &&
+        grep -q ' 0 lost user data' "$out/$road.log"; then
         passed=$((passed + 1))
     else
         failed=$((failed + 1))

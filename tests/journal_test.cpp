@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Layout changes under a journal on flash (a build with power-cut recovery): a retry with
 // another file finishes the interrupted change first, a layout with no room says so and
-// moves as before, and what moves is never held in memory.
+// moves as before, a plan that does not fit the flash is left alone, and what moves is never
+// held in memory.
 #include "common/vireo_endian.h"
+#include "journal_fixture.h"
 #include "pack_fixture.h"
 #include "upgrade_roads.h"
 
@@ -106,6 +108,49 @@ TEST_F(Journal, ADamagedStagedCopyStopsTheRetryBeforeItWrites)
                                  "cannot be finished."))
         << r.out;
     EXPECT_TRUE(before == road->device->devices()) << "nothing written";
+}
+
+TEST_F(Journal, APlanThatDoesNotFitTheFlashIsLeftAlone)
+{
+    // A plan whose check holds, in the free flash of "raw-moves" (1 MiB), each row with one
+    // field that does not fit; the first fits and is taken up.
+    struct row {
+        const char *what;
+        plan_fields f;
+        bool fits;
+    };
+    std::vector<row> rows(8, {"", plan_fields{}, false});
+    rows[0] = {"fits", {}, true};
+    rows[1].what = "another erase block size";
+    rows[1].f.erase = 0x20000;
+    rows[2].what = "record slots smaller than a record";
+    rows[2].f.unit = 16;
+    rows[3].what = "a staged block past the flash";
+    rows[3].f.staged_base = 0x100000;
+    rows[4].what = "a block to erase that wraps around 4 GiB";
+    rows[4].f.after_base = 0xFFFF0000;
+    rows[4].f.after_len = 0x10000;
+    rows[5].what = "a move longer than its staged stream";
+    rows[5].f.move_len = 0x10000;
+    rows[5].f.move_staged = 0x8000;
+    rows[6].what = "record blocks past the flash";
+    rows[6].f.record_blocks = 100;
+    rows[7].what = "a staged block not on a block boundary";
+    rows[7].f.staged_base = 0xF0800;
+    for (const row &r : rows) {
+        upgrade_road road = make_upgrade_road("raw-moves");
+        std::string flash = road.device->bytes("/dev/mtd0");
+        flash.replace(0xE0000, 0x10000, padded(plan_bytes(r.f, 0xE0000), 0x10000));
+        write_file(road.device->at("/dev/mtd0"), flash);
+        const run_result run = run_road(road);
+        EXPECT_EQ(r.fits, has_trace_starting(run.out, kResumed)) << r.what << run.out;
+        EXPECT_EQ(!r.fits, has_trace(run.out, "journal at 0x000e0000 does not fit this flash: "
+                                              "left alone."))
+            << r.what << run.out;
+        if (!r.fits) {
+            EXPECT_EQ(0, run.status) << r.what << run.out;
+        }
+    }
 }
 
 TEST_F(Journal, ABadBlockIsNeverRoomForIt)

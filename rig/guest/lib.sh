@@ -75,7 +75,8 @@ nand_chip()
 #   FLASH_IMAGE and saved with FLASH_SAVE=1 the same way; NOR_PROGRAM_NS nanoseconds per byte
 #   programmed and NOR_ERASE_US microseconds per block erased, default 0);
 #   NAND_BADBLOCKS="N ..." erase blocks marked bad; NAND_BITFLIPS=N random bit flips per page
-#   read (corrected by the ECC).
+#   read (corrected by the ECC); NAND_PARAMS more of nandsim's parameters (the last of a
+#   name holds: overridesize=0 gives the chip its own size).
 rig_flash_up()
 {
     modprobe mtd && modprobe mtdblock || return 1
@@ -105,6 +106,7 @@ rig_flash_up()
         local extra=""
         [ -n "$NAND_BADBLOCKS" ] && extra="badblocks=$(echo $NAND_BADBLOCKS | tr ' ' ,)"
         [ -n "$NAND_BITFLIPS" ] && extra="$extra bitflips=$NAND_BITFLIPS"
+        [ -n "$NAND_PARAMS" ] && extra="$extra $NAND_PARAMS"
         modprobe nandsim $(nand_chip "$FLASH") $extra || return 1
         if [ -n "$FLASH_IMAGE" ]; then
             nandwrite -q -N -k -p /dev/mtd0 "/rig/$FLASH_IMAGE" || return 1
