@@ -42,8 +42,21 @@ bool flash_floor_of(const std::string &before, const std::string &after, uint32_
     for (uint64_t b = 0; b < blocks; ++b) {
         const uint64_t at = b * erase_size;
         const uint64_t len = std::min<uint64_t>(erase_size, size - at);
-        if (!erased[b] && before.compare(at, len, after, at, len) == 0)
+        bool erase = erased[b];
+        uint64_t fills = 0; // units that change from erased
+        for (uint64_t p = at; p < at + len && !erase; p += program_size) {
+            const uint64_t n = std::min<uint64_t>(program_size, at + len - p);
+            if (before.compare(p, n, after, p, n) == 0)
+                continue;
+            if (all_erased(before, p, n))
+                ++fills;
+            else
+                erase = true;
+        }
+        if (!erase) {
+            f.programs += fills;
             continue;
+        }
         ++f.erases;
         for (uint64_t p = at; p < at + len; p += program_size)
             if (!all_erased(after, p, std::min<uint64_t>(program_size, at + len - p)))

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // The physical floor of a change of flash: what the chip itself must do to turn one image
-// into the other, however clever the writer. Every erase block whose bytes differ is erased
-// once, and so is every block of a region that is erased by name whatever it holds; every
-// program unit (a NAND page, a NOR byte) of an erased block that does not end as 0xFF is
-// programmed once. Reads are not counted: a writer may or may not read back.
+// into the other, however clever the writer. A program unit (a NAND page, a NOR byte) is
+// programmed once per erase, so an erase block is erased once when one of its units changes
+// from anything but erased, and so is every block of a region erased by name whatever it
+// holds. In an erased block every unit that does not end as 0xFF is programmed once; in any
+// other block every unit that changes (from erased) is. Reads are not counted: a writer may
+// or may not read back.
 #pragma once
 
 #include <cstdint>

@@ -63,6 +63,24 @@ TEST(FlashFloor, CountsTheErasesAndProgramsTheResultNeeds)
          0},
         {"changes in two blocks", d, with(with(d, 0, "x"), 3 * kBlock + 15, "y"), {}, 2, 8},
         {"a region erased by name counts even when its bytes stay", d, d, {{kBlock, kBlock}}, 1, 4},
+        {"units filled in erased space need no erase",
+         with(d, kBlock, ff_block),
+         with(with(d, kBlock, ff_block), kBlock + 4, "abcdefgh"),
+         {},
+         0,
+         2},
+        {"a filled unit beside a changed one: the block is erased and programmed whole",
+         with(d, kBlock + 4, ff_unit),
+         with(with(d, kBlock + 4, "abcd"), kBlock, "x"),
+         {},
+         1,
+         4},
+        {"a unit that ends erased where it held data needs the erase",
+         d,
+         with(d, 3 * kBlock + 8, ff_unit),
+         {},
+         1,
+         3},
         {"an erased region that stays erased costs only its erase",
          with(d, 2 * kBlock, ff_block),
          with(d, 2 * kBlock, ff_block),
@@ -87,15 +105,27 @@ TEST(FlashFloor, CountsTheErasesAndProgramsTheResultNeeds)
     }
 }
 
-TEST(FlashFloor, ByteWiseProgramsOfNorCountEveryByteThatIsNotErased)
+TEST(FlashFloor, ByteWiseProgramsOfNorCountEachByte)
 {
-    const std::string before(2 * kBlock, '\xFF');
-    const std::string after = with(before, 3, "abc");
-    flash_floor f;
-    std::string error;
-    ASSERT_TRUE(flash_floor_of(before, after, kBlock, 1, {}, &f, &error)) << error;
-    EXPECT_EQ(f.erases, 1u);
-    EXPECT_EQ(f.programs, 3u);
+    const std::string blank(2 * kBlock, '\xFF');
+    const std::string three = with(blank, 3, "abc");
+    const struct {
+        const char *what;
+        std::string before, after;
+        uint64_t erases, programs;
+    } cases[] = {
+        {"three bytes into erased flash", blank, three, 0, 3},
+        {"one of them changed again: its block is erased, the others programmed again", three,
+         with(three, 4, "x"), 1, 3},
+        {"a byte added beside them", three, with(three, kBlock - 1, "z"), 0, 1},
+    };
+    for (const auto &c : cases) {
+        flash_floor f;
+        std::string error;
+        ASSERT_TRUE(flash_floor_of(c.before, c.after, kBlock, 1, {}, &f, &error)) << error;
+        EXPECT_EQ(f.erases, c.erases) << c.what;
+        EXPECT_EQ(f.programs, c.programs) << c.what;
+    }
 }
 
 TEST(FlashFloor, RefusesWhatDescribesNoFlash)

@@ -95,12 +95,14 @@ rig_flash_up()
         modprobe block2mtd block2mtd=/dev/vda,$((ERASE_SIZE / 1024))KiB || return 1
         ;;
     nor)
-        modprobe rig_nor size=$((FLASH_SIZE)) erase_size=$((ERASE_SIZE)) \
-            program_ns_per_byte=${NOR_PROGRAM_NS:-0} erase_us=${NOR_ERASE_US:-0} || return 1
+        modprobe rig_nor size=$((FLASH_SIZE)) erase_size=$((ERASE_SIZE)) || return 1
         if [ -n "$FLASH_IMAGE" ]; then
             flash_erase -q /dev/mtd0 0 0 &&
                 dd if="/rig/$FLASH_IMAGE" of=/dev/mtd0 bs=65536 status=none || return 1
         fi
+        # The chip's times from here on: the factory programming of the image is not timed.
+        echo "${NOR_PROGRAM_NS:-0}" >/sys/module/rig_nor/parameters/program_ns_per_byte &&
+            echo "${NOR_ERASE_US:-0}" >/sys/module/rig_nor/parameters/erase_us || return 1
         ;;
     nand | nand-small)
         local extra=""

@@ -24,6 +24,9 @@
  * /sys/module/rig_nor/parameters/ (a scenario programs its image at full speed, then times
  * the tool). They sleep (fsleep) instead of spinning, so a timed flash costs the emulated
  * CPU nothing. The flash reads 0xFF after loading; unloading frees it.
+ *
+ * What the chip did is counted in erased_blocks and programmed_bytes (writing 0 to either
+ * starts it again), for comparing a writer's work with what its result needs.
  */
 #include <linux/delay.h>
 #include <linux/kernel.h>
@@ -48,6 +51,14 @@ MODULE_PARM_DESC(program_ns_per_byte, "program time per byte in ns (default 0)")
 static unsigned int erase_us;
 module_param(erase_us, uint, 0644);
 MODULE_PARM_DESC(erase_us, "erase time per erase block in us (default 0)");
+
+static unsigned long erased_blocks;
+module_param(erased_blocks, ulong, 0644);
+MODULE_PARM_DESC(erased_blocks, "erase blocks erased so far");
+
+static unsigned long programmed_bytes;
+module_param(programmed_bytes, ulong, 0644);
+MODULE_PARM_DESC(programmed_bytes, "bytes programmed so far");
 
 static struct mtd_info nor;
 static u8 *cells;
@@ -74,6 +85,7 @@ static int rig_nor_erase(struct mtd_info *mtd, struct erase_info *instr)
 		return -EINVAL;
 	mutex_lock(&busy);
 	memset(cells + addr, 0xFF, len);
+	erased_blocks += div_u64(len, mtd->erasesize);
 	rig_nor_wait_us((u64)READ_ONCE(erase_us) * div_u64(len, mtd->erasesize));
 	mutex_unlock(&busy);
 	return 0;
@@ -106,6 +118,7 @@ static int rig_nor_write(struct mtd_info *mtd, loff_t to, size_t len, size_t *re
 		if (now != buf[i] && bad == len)
 			bad = i;
 	}
+	programmed_bytes += len;
 	rig_nor_wait_us(div_u64((u64)READ_ONCE(program_ns_per_byte) * len + 999, 1000));
 	mutex_unlock(&busy);
 	if (bad < len) {

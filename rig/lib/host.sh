@@ -150,12 +150,25 @@ rig_medium block2mtd
 # NAND: an SLC chip of nandsim's large-page geometry (1 Gbit, 2 KiB pages, 128 KiB blocks):
 # page read 25 us, 30 ns a byte on the bus, page program 200 us, block erase 2 ms.
 RIG_NAND_READ_US=25 RIG_NAND_CYCLE_NS=30 RIG_NAND_PROGRAM_US=200 RIG_NAND_ERASE_MS=2
+# NOR: a serial NOR chip of 64 KiB blocks: 0.4 ms a 256-byte page program (1563 ns a byte),
+# 150 ms a 64 KiB block erase.
+RIG_NOR_PROGRAM_NS=1563 RIG_NOR_ERASE_US=150000
 
 # nandsim's parameters for those times.
 rig_nand_timing()
 {
     echo "do_delays=1 access_delay=$RIG_NAND_READ_US programm_delay=$RIG_NAND_PROGRAM_US" \
         "erase_delay=$RIG_NAND_ERASE_MS input_cycle=$RIG_NAND_CYCLE_NS output_cycle=$RIG_NAND_CYCLE_NS"
+}
+
+# The config lines of a router on MEDIUM's timed chip.
+rig_timing_config()
+{
+    case $1 in
+    nand) echo "NAND_PARAMS=\"$(rig_nand_timing)\"" ;;
+    nor) echo "NOR_PROGRAM_NS=$RIG_NOR_PROGRAM_NS NOR_ERASE_US=$RIG_NOR_ERASE_US" ;;
+    *) echo "rig: no timed chip for $1" >&2; return 1 ;;
+    esac
 }
 
 # rig_floor MEDIUM BEFORE AFTER [BASE:SIZE...]: "E erases, P programs, F ms", the physical
@@ -172,6 +185,10 @@ rig_floor()
         "$RIG_FLOOR" "$before" "$after" --erase-size 131072 --program-size 2048 \
             --erase-us $((RIG_NAND_ERASE_MS * 1000)) \
             --program-ns $((RIG_NAND_PROGRAM_US * 1000 + 2048 * RIG_NAND_CYCLE_NS)) "${erased[@]}"
+        ;;
+    nor)
+        "$RIG_FLOOR" "$before" "$after" --erase-size 65536 --program-size 1 \
+            --erase-us "$RIG_NOR_ERASE_US" --program-ns "$RIG_NOR_PROGRAM_NS" "${erased[@]}"
         ;;
     *) echo "rig: no timed chip for $medium" >&2; return 1 ;;
     esac

@@ -48,6 +48,11 @@ scenario_speed()
 
     speed_timed nand default "$raw" "$RAW_DISK" "$RAW_PTN_BASE" || status=1
     speed_timed nand ubi "$ubi" "$UBI_DISK" "$UBI_PTN_BASE" || status=1
+    # The NOR chip's 64 KiB blocks take a UBI image of their own.
+    rig_medium nor 65536
+    rig_device ubi "$RIG_WORK/ubi-nor"
+    speed_timed nor default "$raw" "$RAW_DISK" "$RAW_PTN_BASE" || status=1
+    speed_timed nor ubi "$RIG_WORK/ubi-nor" "$UBI_DISK" "$UBI_PTN_BASE" || status=1
     return $status
 }
 
@@ -59,8 +64,8 @@ speed_timed()
     local medium=$1 mode=$2 dir=$3 disk=$4 ptn=$5 share flash status=0 name
     local label=raw erased=()
     [ "$mode" = ubi ] && label=ubi
-    rig_medium "$medium"
-    share=$(rig_share "timed-$label" "$RIG_DIR/scenarios/speed-timed.guest.sh")
+    case $medium in nor) rig_medium nor 65536 ;; *) rig_medium "$medium" ;; esac
+    share=$(rig_share "timed-$medium-$label" "$RIG_DIR/scenarios/speed-timed.guest.sh")
     cp "$dir/up.bin" "$share/"
     if [ "$mode" = ubi ]; then
         cp -r "$dir/upgraded" "$share/"
@@ -72,12 +77,12 @@ speed_timed()
             erased+=("$(raw_layout_field "$name" 2 "${raw_old_layout[@]}"):$(raw_layout_field "$name" 3 "${raw_old_layout[@]}")")
         done
     fi
-    echo "NAND_PARAMS=\"$(rig_nand_timing)\"" >>"$share/config"
-    flash=$RIG_WORK/timed-$label-flash.img
+    rig_timing_config "$medium" >>"$share/config"
+    flash=$RIG_WORK/timed-$medium-$label-flash.img
     cp "$dir/factory.img" "$flash"
     rig_guest "$share" "$flash" || status=1
     local tool floor
-    tool=$(sed -n "s/^timed $mode: -U \([0-9]*\) ms$/\1/p" "$share/out/guest.log")
+    tool=$(sed -n "s/^timed $mode: -U \([0-9]*\) ms.*/\1/p" "$share/out/guest.log")
     floor=$(rig_floor "$medium" "$share/out/before.img" "$flash" "${erased[@]}") || status=1
     if [ -z "$tool" ] || [ -z "$floor" ]; then
         echo "    no timing of -U on timed $medium ($label)"
@@ -87,5 +92,16 @@ speed_timed()
     ms=${ms% ms}
     echo "    speed $medium $label: -U $tool ms, floor $ms ms, $(awk "BEGIN { printf \"%.2f\", $tool / $ms }")x"
     echo "      floor: ${floor%, *}"
+    sed -n "s/^timed $mode: -U [0-9]* ms, \(.*\)/      \1/p" "$share/out/guest.log"
+    # On NOR the chip counts its own work: its time at the chip's rates, against the floor.
+    local chip
+    chip=$(sed -n "s/^timed $mode chip: \([0-9]*\) erases, \([0-9]*\) bytes programmed$/\1 \2/p" \
+        "$share/out/guest.log")
+    if [ -n "$chip" ]; then
+        set -- $chip
+        echo "      the chip erased $1 blocks and programmed $2 bytes: $(awk "BEGIN {
+            w = ($1 * $RIG_NOR_ERASE_US + $2 * $RIG_NOR_PROGRAM_NS / 1000) / 1000
+            printf \"%.0f ms, %.2fx the floor\", w, w / $ms }")"
+    fi
     return $status
 }
