@@ -34,7 +34,7 @@ ctest --test-dir build-require --output-on-failure -j2 \
 echo "== a power cut at every flash operation of each upgrade road, on the host (scripts/powercut.sh) =="
 VIREO_POWERCUT_BUILD=0 bash scripts/powercut.sh | tee -a "$log" || status=1
 echo "== the same sweep on a journal broken on purpose must lose user data (scripts/powercut-broken.sh) =="
-bash scripts/powercut-broken.sh | tee -a "$log" || status=1
+VIREO_POWERCUT_BUILD=0 bash scripts/powercut-broken.sh | tee -a "$log" || status=1
 echo "== the tool on the kernel's MTD and UBI drivers (virtual router, rig/run.sh) =="
 bash rig/run.sh | tee -a "$log" || status=1
 echo "== aarch64 cross build, its tests under qemu-user (scripts/cross-test.sh) =="
