@@ -3,6 +3,11 @@
 . /lib/rig.sh
 . /rig/config
 
+# What the medium reports, as the host made its images for it.
+expect_value "mtd0 type on $FLASH" "$MTD_TYPE" "$(cat /sys/class/mtd/mtd0/type)"
+expect_value "mtd0 erase block on $FLASH" "$ERASE_SIZE" "$(cat /sys/class/mtd/mtd0/erasesize)"
+expect_value "mtd0 write unit on $FLASH" "$WRITESIZE" "$(cat /sys/class/mtd/mtd0/writesize)"
+
 data=$(mtd_dev data)
 n=${data#/dev/mtd}
 [ -n "$data" ] && ok "partition 'data' is $data" || not_ok "no partition 'data'"

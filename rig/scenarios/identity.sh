@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# Device identity: the whole flash, a partition's character device and its block device
-# show the same bytes, on mtdram, block2mtd and both NAND chips; UBI on each finds the LEB
+# Device identity: every medium the router's kernel offers (RIG_MEDIA: mtdram, block2mtd and
+# both NAND chips) reports its type, erase block and write unit, and the whole flash, a
+# partition's character device and its block device show the same bytes; UBI on each finds the LEB
 # size the host makes its images for, and a volume replaced with ubiupdatevol reads back as
 # the image followed by 0xFF up to its reserved size.
 
@@ -14,7 +15,7 @@ identity_layout=(
 scenario_identity()
 {
     local status=0 backend flash share
-    for backend in mtdram block2mtd nand nand-small; do
+    for backend in $RIG_MEDIA; do
         rig_medium "$backend"
         share=$(rig_share "$backend" "$RIG_DIR/scenarios/identity.guest.sh")
         flash=$share/flash.img
@@ -25,6 +26,7 @@ scenario_identity()
         rig_random "$share/vol.bin" 100000 identity-volume
         {
             rig_flash_config "FLASH_SIZE=$((0x400000)) PTN_BASE=0x040000 UBI_LEB=$RIG_LEB"
+            echo "MTD_TYPE=$RIG_MTD_TYPE WRITESIZE=$RIG_WRITESIZE"
             [ "$backend" != block2mtd ] && echo "FLASH_IMAGE=flash.img"
         } >"$share/config"
         if [ "$backend" = block2mtd ]; then
