@@ -5,15 +5,28 @@
 # the host tools (the pack tool, the simulator's road maker) stay x86_64 in build-rig/tool/.
 # Sourced by common.sh.
 
-# Debian's arm64 kernel lacks the RAM and block-device MTD drivers (and the raw NAND core):
-# mtdram and block2mtd are built from Debian's kernel sources against its headers.
-rig_arm64_kernel_sources=(drivers/mtd/devices/mtdram.c drivers/mtd/devices/block2mtd.c)
+# Debian's arm64 kernel lacks the RAM and block-device MTD drivers and the raw NAND core (it
+# has the generic NAND core with BCH): mtdram, block2mtd, the raw NAND core with its software
+# Hamming ECC, and nandsim are built from Debian's kernel sources against its headers.
+rig_arm64_kernel_sources=(drivers/mtd/devices/mtdram.c drivers/mtd/devices/block2mtd.c
+                          'drivers/mtd/nand/raw/nand_*.c' drivers/mtd/nand/raw/internals.h
+                          drivers/mtd/nand/raw/nandsim.c drivers/mtd/nand/ecc-sw-hamming.c)
+rig_arm64_kernel_kbuild='# SPDX-License-Identifier: GPL-2.0
+obj-m += mtdram.o block2mtd.o nand.o nandsim.o
+nand-objs := nand_base.o nand_legacy.o nand_bbt.o nand_timings.o nand_ids.o nand_onfi.o \
+    nand_jedec.o nand_amd.o nand_esmt.o nand_hynix.o nand_macronix.o nand_micron.o \
+    nand_samsung.o nand_toshiba.o ecc-sw-hamming.o
+# mtdram'"'"'s defaults as in the amd64 kernel (the router always gives both); the Hamming ECC
+# the arm64 kernel leaves out, built into the raw NAND core here.
+ccflags-y += -DCONFIG_MTDRAM_TOTAL_SIZE=4096 -DCONFIG_MTDRAM_ERASE_SIZE=128 \
+    -DCONFIG_MTD_NAND_ECC_SW_HAMMING=1'
 
 rig_arm64_modules=(
     drivers/virtio/virtio_pci.ko drivers/virtio/virtio_pci_legacy_dev.ko
     drivers/virtio/virtio_pci_modern_dev.ko drivers/block/virtio_blk.ko
     net/9p/9pnet.ko net/9p/9pnet_virtio.ko fs/9p/9p.ko fs/netfs/netfs.ko fs/fscache/fscache.ko
     drivers/mtd/mtd.ko drivers/mtd/mtd_blkdevs.ko drivers/mtd/mtdblock.ko drivers/mtd/ubi/ubi.ko
+    drivers/mtd/nand/nandcore.ko lib/bch.ko
 )
 
 # The packages the arm64 router needs on top of the project's: the emulator, the cross
@@ -120,19 +133,14 @@ rig_arm64_build_kmod()
         cmp -s "$f" "$own/${f##*/}" || cp "$f" "$own/"
     done
     rig_arm64_kbuild "$own" || return 1
-    if [ ! -f "$extra/Kbuild" ]; then
-        local tarball=/usr/src/linux-source-${RIG_KVER%%.0-*}.tar.xz top=linux-source-${RIG_KVER%%.0-*}
-        local members=() kbuild=""
-        for f in "${rig_arm64_kernel_sources[@]}"; do
-            members+=("$top/$f")
-            kbuild="$kbuild obj-m += $(basename "$f" .c).o"$'\n'
-        done
-        tar -xJf "$tarball" -C "$extra" --strip-components=$(($(echo "$top/${rig_arm64_kernel_sources[0]}" | tr -cd / | wc -c))) \
-            "${members[@]}" || return 1
-        # mtdram's defaults (the router always gives total_size and erase_size), as in
-        # Debian's amd64 kernel.
-        printf '# SPDX-License-Identifier: GPL-2.0\n%sccflags-y += %s\n' "$kbuild" \
-            "-DCONFIG_MTDRAM_TOTAL_SIZE=4096 -DCONFIG_MTDRAM_ERASE_SIZE=128" >"$extra/Kbuild"
+    if [ "$(cat "$extra/Kbuild" 2>/dev/null)" != "$rig_arm64_kernel_kbuild" ]; then
+        local version=${RIG_KVER%%.0-*}
+        rm -rf "$extra"
+        mkdir -p "$extra"
+        tar -xJf "/usr/src/linux-source-$version.tar.xz" -C "$extra" --wildcards \
+            --transform 's,.*/,,' "${rig_arm64_kernel_sources[@]/#/linux-source-$version/}" ||
+            return 1
+        echo "$rig_arm64_kernel_kbuild" >"$extra/Kbuild"
     fi
     rig_arm64_kbuild "$extra" || return 1
     RIG_KMODS=("$own"/*.ko "$extra"/*.ko)
@@ -181,8 +189,10 @@ rig_arm64_build_initramfs()
     for m in "${rig_arm64_modules[@]}"; do
         install -D -m 0644 "$RIG_MODULES/kernel/$m" "$tree/lib/modules/$RIG_KVER/kernel/$m"
     done
+    # Built with the headers' debug information, which the router does not need.
     for m in "${RIG_KMODS[@]}"; do
         install -D -m 0644 "$m" "$tree/lib/modules/$RIG_KVER/extra/${m##*/}"
+        aarch64-linux-gnu-strip --strip-debug "$tree/lib/modules/$RIG_KVER/extra/${m##*/}"
     done
     busybox depmod -b "$tree" "$RIG_KVER"
     local progs=()

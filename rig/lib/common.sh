@@ -6,12 +6,12 @@ RIG_HOST_BUILD=$RIG_ROOT/build-rig
 
 # rig_set_arch x86_64|arm64: the router's architecture. RIG_BUILD holds what is built for it
 # (build-rig/ for x86_64, build-rig/arm64/ for arm64) and its scenarios' work; the host tools
-# are always x86_64, in build-rig/tool/. RIG_MEDIA: the flash media its kernel offers.
+# are always x86_64, in build-rig/tool/.
 rig_set_arch()
 {
     case $1 in
-    x86_64) RIG_BUILD=$RIG_HOST_BUILD RIG_MEDIA="mtdram block2mtd nand nand-small" ;;
-    arm64) RIG_BUILD=$RIG_HOST_BUILD/arm64 RIG_MEDIA="mtdram block2mtd" ;;
+    x86_64) RIG_BUILD=$RIG_HOST_BUILD ;;
+    arm64) RIG_BUILD=$RIG_HOST_BUILD/arm64 ;;
     *) echo "rig: unknown architecture $1 (x86_64 or arm64)" >&2; return 1 ;;
     esac
     RIG_ARCH=$1

@@ -126,14 +126,13 @@ rig_pack()
 #   block2mtd, mtdram: 64 KiB erase blocks, byte-wise writes;
 #   nand: nandsim's large-page chip, 2 KiB pages written in 512-byte sub-pages, 128 KiB blocks;
 #   nand-small: its small-page chip, 512-byte pages in 256-byte sub-pages, 16 KiB blocks.
-# A NAND medium the router's kernel cannot offer (RIG_MEDIA, set per architecture) is
-# replaced by block2mtd, which also keeps its bytes from one boot to the next. RIG_MTD_TYPE
-# and RIG_WRITESIZE: what the kernel reports for the medium (/sys/class/mtd/mtd0/).
+# RIG_MTD_TYPE and RIG_WRITESIZE: what the kernel reports for the medium
+# (/sys/class/mtd/mtd0/). RIG_MEDIA: every medium, on both architectures.
+RIG_MEDIA="mtdram block2mtd nand nand-small"
 rig_medium()
 {
     RIG_MEDIUM=$1
-    case " $RIG_MEDIA " in *" $1 "*) ;; *) [ "${1#nand}" != "$1" ] && RIG_MEDIUM=block2mtd ;; esac
-    case $RIG_MEDIUM in
+    case $1 in
     block2mtd | mtdram) RIG_PEB=65536 RIG_MIN_IO=1 RIG_SUB_PAGE=1 RIG_MTD_TYPE=ram ;;
     nand) RIG_PEB=131072 RIG_MIN_IO=2048 RIG_SUB_PAGE=512 RIG_MTD_TYPE=nand ;;
     nand-small) RIG_PEB=16384 RIG_MIN_IO=512 RIG_SUB_PAGE=256 RIG_MTD_TYPE=nand ;;
