@@ -17,6 +17,12 @@ rig_set_arch()
     RIG_ARCH=$1
 }
 rig_set_arch x86_64
+
+# The router's machine as its `uname -m` names it.
+rig_machine()
+{
+    case $RIG_ARCH in arm64) echo aarch64 ;; *) echo x86_64 ;; esac
+}
 RIG_BOOT_TIMEOUT=${RIG_BOOT_TIMEOUT:-120}
 
 . "$RIG_DIR/lib/build.sh"

@@ -3,6 +3,10 @@
 . /lib/rig.sh
 . /rig/config
 
+# The router is the machine asked for, and runs the tool built for it.
+expect_value "the router's machine" "$MACHINE" "$(uname -m)"
+vireo_firmware_upgrade --help >/dev/null 2>&1 && ok "the tool runs" || not_ok "the tool does not run"
+
 # What the medium reports, as the host made its images for it.
 expect_value "mtd0 type on $FLASH" "$MTD_TYPE" "$(cat /sys/class/mtd/mtd0/type)"
 expect_value "mtd0 erase block on $FLASH" "$ERASE_SIZE" "$(cat /sys/class/mtd/mtd0/erasesize)"

@@ -26,7 +26,7 @@ scenario_identity()
         rig_random "$share/vol.bin" 100000 identity-volume
         {
             rig_flash_config "FLASH_SIZE=$((0x400000)) PTN_BASE=0x040000 UBI_LEB=$RIG_LEB"
-            echo "MTD_TYPE=$RIG_MTD_TYPE WRITESIZE=$RIG_WRITESIZE"
+            echo "MTD_TYPE=$RIG_MTD_TYPE WRITESIZE=$RIG_WRITESIZE MACHINE=$(rig_machine)"
             [ "$backend" != block2mtd ] && echo "FLASH_IMAGE=flash.img"
         } >"$share/config"
         if [ "$backend" = block2mtd ]; then
