@@ -126,19 +126,15 @@ rig_pack()
 #   block2mtd, mtdram: 64 KiB erase blocks, byte-wise writes;
 #   nand: nandsim's large-page chip, 2 KiB pages written in 512-byte sub-pages, 128 KiB blocks;
 #   nand-small: its small-page chip, 512-byte pages in 256-byte sub-pages, 16 KiB blocks.
-# RIG_MTD_TYPE and RIG_WRITESIZE: what the kernel reports for the medium
-# (/sys/class/mtd/mtd0/). RIG_MEDIA: every medium, on both architectures.
-RIG_MEDIA="mtdram block2mtd nand nand-small"
 rig_medium()
 {
     RIG_MEDIUM=$1
     case $1 in
-    block2mtd | mtdram) RIG_PEB=65536 RIG_MIN_IO=1 RIG_SUB_PAGE=1 RIG_MTD_TYPE=ram ;;
-    nand) RIG_PEB=131072 RIG_MIN_IO=2048 RIG_SUB_PAGE=512 RIG_MTD_TYPE=nand ;;
-    nand-small) RIG_PEB=16384 RIG_MIN_IO=512 RIG_SUB_PAGE=256 RIG_MTD_TYPE=nand ;;
+    block2mtd | mtdram) RIG_PEB=65536 RIG_MIN_IO=1 RIG_SUB_PAGE=1 ;;
+    nand) RIG_PEB=131072 RIG_MIN_IO=2048 RIG_SUB_PAGE=512 ;;
+    nand-small) RIG_PEB=16384 RIG_MIN_IO=512 RIG_SUB_PAGE=256 ;;
     *) echo "rig: unknown medium $1" >&2; return 1 ;;
     esac
-    RIG_WRITESIZE=$RIG_MIN_IO
     # The EC header takes the first sub-page (64 bytes with byte-wise writes), the VID
     # header the next; data start at the next minimal I/O unit.
     local vid=$((RIG_SUB_PAGE > 1 ? RIG_SUB_PAGE : 64))

@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# Device identity: every medium the router's kernel offers (RIG_MEDIA: mtdram, block2mtd and
-# both NAND chips) reports its type, erase block and write unit, and the whole flash, a
-# partition's character device and its block device show the same bytes; UBI on each finds the LEB
+# Device identity: the whole flash, a partition's character device and its block device
+# show the same bytes, on mtdram, block2mtd and both NAND chips; UBI on each finds the LEB
 # size the host makes its images for, and a volume replaced with ubiupdatevol reads back as
 # the image followed by 0xFF up to its reserved size.
 
@@ -12,10 +11,18 @@ identity_layout=(
     "ubi 0x0C0000 0x340000"
 )
 
+# Each router also checks that it is the machine asked for (x86_64 or aarch64) and what its
+# medium reports: type, erase block and write unit.
+# The type /sys/class/mtd/mtd0/type names for the current medium.
+identity_mtd_type()
+{
+    case $RIG_MEDIUM in nand | nand-small) echo nand ;; *) echo ram ;; esac
+}
+
 scenario_identity()
 {
     local status=0 backend flash share
-    for backend in $RIG_MEDIA; do
+    for backend in mtdram block2mtd nand nand-small; do
         rig_medium "$backend"
         share=$(rig_share "$backend" "$RIG_DIR/scenarios/identity.guest.sh")
         flash=$share/flash.img
@@ -26,7 +33,7 @@ scenario_identity()
         rig_random "$share/vol.bin" 100000 identity-volume
         {
             rig_flash_config "FLASH_SIZE=$((0x400000)) PTN_BASE=0x040000 UBI_LEB=$RIG_LEB"
-            echo "MTD_TYPE=$RIG_MTD_TYPE WRITESIZE=$RIG_WRITESIZE MACHINE=$(rig_machine)"
+            echo "MTD_TYPE=$(identity_mtd_type) WRITESIZE=$RIG_MIN_IO MACHINE=$(rig_machine)"
             [ "$backend" != block2mtd ] && echo "FLASH_IMAGE=flash.img"
         } >"$share/config"
         if [ "$backend" = block2mtd ]; then
