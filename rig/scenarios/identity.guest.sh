@@ -54,4 +54,13 @@ head -c $((reserved - 100000)) /dev/zero | tr '\0' '\377' >>/tmp/vol.expect
 expect_same "volume holds the image, then 0xFF" "$vol" /tmp/vol.expect
 expect_value "ubi0 is a character device" c "$(stat -c %F /dev/ubi0 | cut -c1)"
 
+# Every module of the router loads into its kernel (version magic, symbol versions: the
+# modules built here against Debian's headers among them), but the drivers of other media.
+dep=/lib/modules/$(uname -r)/modules.dep
+for m in $(sed 's/:.*//; s,.*/,,; s/\.ko$//' "$dep"); do
+    case " $FLASH_DRIVERS " in *" $m "*) [ -d "/sys/module/$m" ] || continue ;; esac
+    modprobe "$m" 2>/dev/null
+    [ -d "/sys/module/$(echo "$m" | tr - _)" ] && ok "module $m loaded" || not_ok "module $m does not load"
+done
+
 rig_done
