@@ -30,14 +30,16 @@ rig_arm64_modules=(
 )
 
 # The packages the arm64 router needs on top of the project's: the emulator, the cross
-# compilers, the kernel sources (for the missing MTD drivers), the kbuild and common headers
-# the arm64 headers point into, and the arm64 libraries the tool links with.
-rig_arm64_packages()
+# compilers, and the arm64 libraries the tool links with (which enable the arm64
+# architecture in apt); once the kernel is known, its sources (for the missing MTD drivers)
+# and the kbuild and common headers the arm64 headers point into.
+rig_arm64_packages=(qemu-system-arm gcc-aarch64-linux-gnu g++-aarch64-linux-gnu libc6:arm64
+                    libstdc++6:arm64 libcjson-dev:arm64 libssl-dev:arm64 libsodium-dev:arm64
+                    libp11-kit-dev:arm64)
+rig_arm64_kernel_packages()
 {
-    local base=${RIG_KVER%-arm64}
-    echo qemu-system-arm gcc-aarch64-linux-gnu g++-aarch64-linux-gnu linux-source-6.1 \
-        "linux-headers-$base-common" "linux-kbuild-${RIG_KVER%%.0-*}" libc6:arm64 libstdc++6:arm64 \
-        libcjson-dev:arm64 libssl-dev:arm64 libsodium-dev:arm64 libp11-kit-dev:arm64
+    echo "linux-source-${RIG_KVER%%.0-*}" "linux-headers-${RIG_KVER%-arm64}-common" \
+        "linux-kbuild-${RIG_KVER%%.0-*}"
 }
 
 # rig_arm64_download PACKAGE: the .deb of PACKAGE (an arm64 one), fetched once into the
@@ -52,14 +54,23 @@ rig_arm64_download()
     ls "$cache/${name}"_*_arm64.deb | head -1
 }
 
-# The kernel package linux-image-arm64 depends on. Its Image is not compressed: QEMU boots
-# it as it is.
+rig_arm64_kernel_package()
+{
+    apt-cache depends linux-image-arm64:arm64 2>/dev/null |
+        awk '/Depends: linux-image-[0-9]/ { sub(":arm64", "", $2); print $2; exit }'
+}
+
+# The kernel package linux-image-arm64 depends on, fetched and unpacked once. Its Image is
+# not compressed: QEMU boots it as it is. Sets RIG_KVER and RIG_KERNEL_VERSION (the
+# package's version, which the kernel sources' must equal).
 rig_arm64_fetch_kernel()
 {
     local cache=$RIG_BUILD/cache pkg
     mkdir -p "$cache"
-    pkg=$(apt-cache depends linux-image-arm64:arm64 2>/dev/null |
-        awk '/Depends: linux-image-[0-9]/ { sub(":arm64", "", $2); print $2; exit }')
+    pkg=$(rig_arm64_kernel_package)
+    if [ -z "$pkg" ] && ! ls "$cache"/linux-image-*-arm64_*.deb >/dev/null 2>&1; then
+        apt-get update -qq && pkg=$(rig_arm64_kernel_package)
+    fi
     [ -n "$pkg" ] || pkg=$(cd "$cache" && ls linux-image-*-arm64_*.deb 2>/dev/null | head -1 | cut -d_ -f1)
     [ -n "$pkg" ] || { echo "rig: no Debian arm64 kernel package found" >&2; return 1; }
     RIG_KVER=${pkg#linux-image-}
@@ -71,6 +82,7 @@ rig_arm64_fetch_kernel()
         dpkg-deb -x "$deb" "$kdir/pkg"
         touch "$kdir/.unpacked"
     fi
+    RIG_KERNEL_VERSION=$(dpkg-deb -f "$deb" Version)
     RIG_KERNEL=$kdir/pkg/boot/vmlinuz-$RIG_KVER
     RIG_MODULES=$kdir/pkg/lib/modules/$RIG_KVER
 }
@@ -133,8 +145,13 @@ rig_arm64_build_kmod()
         cmp -s "$f" "$own/${f##*/}" || cp "$f" "$own/"
     done
     rig_arm64_kbuild "$own" || return 1
+    local version=${RIG_KVER%%.0-*} sources
+    sources=$(dpkg-query -W -f='${Version}' "linux-source-$version")
+    if [ "$sources" != "$RIG_KERNEL_VERSION" ]; then
+        echo "rig: linux-source-$version is $sources, the kernel $RIG_KERNEL_VERSION: update both" >&2
+        return 1
+    fi
     if [ "$(cat "$extra/Kbuild" 2>/dev/null)" != "$rig_arm64_kernel_kbuild" ]; then
-        local version=${RIG_KVER%%.0-*}
         rm -rf "$extra"
         mkdir -p "$extra"
         tar -xJf "/usr/src/linux-source-$version.tar.xz" -C "$extra" --wildcards \
@@ -202,7 +219,9 @@ rig_arm64_build_initramfs()
     done
     install -m 0755 "$RIG_TOOL" "$tree/usr/sbin/vireo_firmware_upgrade"
     install -D -m 0755 "$RIG_PRELOAD" "$tree/usr/lib/vireo_flash_preload.so"
-    for lib in $(rig_arm64_libs "${progs[@]}" "$RIG_TOOL" "$RIG_PRELOAD"); do
+    local libs
+    libs=$(rig_arm64_libs "${progs[@]}" "$RIG_TOOL" "$RIG_PRELOAD") || return 1
+    for lib in $libs; do
         install -D -m 0755 "$(readlink -f "$lib")" "$tree$lib"
     done
     # The loader, where the programs' interpreter entry looks for it.
@@ -218,9 +237,10 @@ rig_arm64_build_initramfs()
 rig_arm64_build_all()
 {
     rig_install_packages || return 1
+    bash "$RIG_ROOT/scripts/deps.sh" "${rig_arm64_packages[@]}" || return 1
     rig_arm64_fetch_kernel || return 1
     # shellcheck disable=SC2046
-    bash "$RIG_ROOT/scripts/deps.sh" $(rig_arm64_packages) || return 1
+    bash "$RIG_ROOT/scripts/deps.sh" $(rig_arm64_kernel_packages) || return 1
     rig_arm64_build_tool || return 1
     rig_arm64_build_kmod || return 1
     rig_arm64_build_initramfs
