@@ -4,8 +4,8 @@
 #
 #   bash rig/run.sh [--arch x86_64|arm64] [--sweep] [SCENARIO...]
 #
-# --arch arm64 runs the router on 64-bit ARM (lib/arm64.sh); without scenarios it runs those
-# the arm64 router carries (rig_arm64_scenarios).
+# --arch arm64 runs the router on 64-bit ARM (lib/arm64.sh); without scenarios, those of
+# rig_arm64_scenarios.
 # Builds what it needs from Debian's packages (cached in build-rig/), boots one fresh VM per
 # scenario (several for the ones that reboot or cut the power) and ends with the line
 # "N passed, M failed". --sweep cuts the power at 20 timed points per mode instead of 4, and
@@ -29,7 +29,7 @@ usage()
 {
     echo "Usage: bash rig/run.sh [--arch x86_64|arm64] [--sweep] [SCENARIO...]"
     echo "Scenarios: ${rig_all_scenarios[*]}"
-    echo "On arm64: ${rig_arm64_scenarios[*]}"
+    echo "On arm64 (--arch arm64 without scenarios): ${rig_arm64_scenarios[*]}; openwrt runs on x86_64 only"
 }
 
 selected=()
@@ -49,10 +49,14 @@ while [ $# -gt 0 ]; do
     esac
     shift
 done
-if [ ${#selected[@]} -eq 0 ]; then
-    selected=("${rig_all_scenarios[@]}")
-    [ "$RIG_ARCH" = arm64 ] && selected=("${rig_arm64_scenarios[@]}")
+if [ "$RIG_ARCH" = arm64 ]; then
+    # openwrt builds OpenWrt's shell tools for the router with the host's compiler.
+    for s in "${selected[@]}"; do
+        [ "$s" != openwrt ] || { echo "scenario openwrt runs on x86_64 only" >&2; exit 2; }
+    done
+    [ ${#selected[@]} -gt 0 ] || selected=("${rig_arm64_scenarios[@]}")
 fi
+[ ${#selected[@]} -gt 0 ] || selected=("${rig_all_scenarios[@]}")
 
 t0=$SECONDS
 rig_build_all
