@@ -3,9 +3,21 @@
 . /lib/rig.sh
 . /rig/config
 
-# The router is the machine asked for, and runs the tool built for it.
+# The router is the machine asked for, and every program it carries starts there: built for
+# it, its libraries and loader all in the initramfs. The preloaded library loads too (the
+# loader only warns when it cannot).
 expect_value "the router's machine" "$MACHINE" "$(uname -m)"
-vireo_firmware_upgrade --help >/dev/null 2>&1 && ok "the tool runs" || not_ok "the tool does not run"
+for prog in /usr/sbin/*; do
+    [ -L "$prog" ] && continue # busybox's applets
+    case ${prog##*/} in mtd) continue ;; vireo_firmware_upgrade) arg=--help ;; *) arg=--version ;; esac
+    if "$prog" $arg >/dev/null 2>/tmp/start.err; then
+        ok "${prog##*/} starts"
+    else
+        not_ok "${prog##*/} does not start: $(head -1 /tmp/start.err)"
+    fi
+done
+LD_PRELOAD=/usr/lib/vireo_flash_preload.so vireo_firmware_upgrade --help >/dev/null 2>/tmp/start.err
+expect_value "the preloaded library loads" "" "$(head -1 /tmp/start.err)"
 
 # What the medium reports, as the host made its images for it.
 expect_value "mtd0 type on $FLASH" "$MTD_TYPE" "$(cat /sys/class/mtd/mtd0/type)"
