@@ -2,8 +2,10 @@
 # SPDX-License-Identifier: Apache-2.0
 # The virtual router: runs the tool on the kernel's MTD and UBI drivers in QEMU (TCG).
 #
-#   bash rig/run.sh [--sweep] [SCENARIO...]
+#   bash rig/run.sh [--arch x86_64|arm64] [--sweep] [SCENARIO...]
 #
+# --arch arm64 runs the router on 64-bit ARM (lib/arm64.sh); without scenarios, those of
+# rig_arm64_scenarios.
 # Builds what it needs from Debian's packages (cached in build-rig/), boots one fresh VM per
 # scenario (several for the ones that reboot or cut the power) and ends with the line
 # "N passed, M failed". --sweep cuts the power at 20 timed points per mode instead of 4, and
@@ -22,17 +24,23 @@ done
 rig_all_scenarios=(identity signature raw raw-ubi ubi ubi-badblocks raw-badblock speed powercut-raw
                    powercut-ubi powercut-nand powercut-nor nor-broken-erase rewrite small-router
                    openwrt large-move)
+rig_arm64_scenarios=(identity signature raw raw-ubi ubi small-router)
 
 usage()
 {
-    echo "Usage: bash rig/run.sh [--sweep] [SCENARIO...]"
+    echo "Usage: bash rig/run.sh [--arch x86_64|arm64] [--sweep] [SCENARIO...]"
     echo "Scenarios: ${rig_all_scenarios[*]}"
+    echo "On arm64 (--arch arm64 without scenarios): ${rig_arm64_scenarios[*]}; openwrt runs on x86_64 only"
 }
 
 selected=()
 while [ $# -gt 0 ]; do
     case $1 in
     --sweep) RIG_CUTS=20 RIG_POWERCUT_SWEEP=1 ;;
+    --arch)
+        [ $# -gt 1 ] && rig_set_arch "$2" || { usage >&2; exit 2; }
+        shift
+        ;;
     -h | --help) usage; exit 0 ;;
     -*) usage >&2; exit 2 ;;
     *)
@@ -42,11 +50,18 @@ while [ $# -gt 0 ]; do
     esac
     shift
 done
+if [ "$RIG_ARCH" = arm64 ]; then
+    # openwrt builds OpenWrt's shell tools for the router with the host's compiler.
+    for s in "${selected[@]}"; do
+        [ "$s" != openwrt ] || { echo "scenario openwrt runs on x86_64 only" >&2; exit 2; }
+    done
+    [ ${#selected[@]} -gt 0 ] || selected=("${rig_arm64_scenarios[@]}")
+fi
 [ ${#selected[@]} -gt 0 ] || selected=("${rig_all_scenarios[@]}")
 
 t0=$SECONDS
 rig_build_all
-echo "rig: kernel $RIG_KVER, initramfs $(($(wc -c <"$RIG_INITRD") / 1024)) KiB, built in $((SECONDS - t0)) s"
+echo "rig: $RIG_ARCH, kernel $RIG_KVER, initramfs $(($(wc -c <"$RIG_INITRD") / 1024)) KiB, built in $((SECONDS - t0)) s"
 
 passed=0
 failed=0

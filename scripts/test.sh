@@ -3,8 +3,9 @@
 # Installs what is missing, builds the plain and the sanitizer trees, checks the
 # formatting, runs every test in both trees, the signature tests in a tree that requires
 # the Ed25519 signature, the power-cut sweep of the upgrade roads and the
-# scenarios of the virtual router, then the aarch64 cross build's tests, the install and
-# packaging checks and the libuci tests, and prints the test share.
+# scenarios of the virtual router (x86_64, and three of them on arm64), then the aarch64
+# cross build's tests, the install and packaging checks and the libuci tests, and prints
+# the test share.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -37,6 +38,8 @@ echo "== the same sweep on a journal broken on purpose must lose user data (scri
 VIREO_POWERCUT_BUILD=0 bash scripts/powercut-broken.sh | tee -a "$log" || status=1
 echo "== the tool on the kernel's MTD and UBI drivers (virtual router, rig/run.sh) =="
 bash rig/run.sh | tee -a "$log" || status=1
+echo "== the virtual router on 64-bit ARM, as the real one: identity, raw and ubi (rig/run.sh --arch arm64) =="
+bash rig/run.sh --arch arm64 identity raw ubi | tee -a "$log" || status=1
 echo "== aarch64 cross build, its tests under qemu-user (scripts/cross-test.sh) =="
 bash scripts/cross-test.sh | tee -a "$log" || status=1
 echo "== DESTDIR install, man pages, the OpenWrt package's build (scripts/install-test.sh) =="

@@ -34,6 +34,7 @@ demo_run()
     echo "    exit status $status"
 }
 
+[ "$PHASE" = upgrade ] && echo "--- the router: $(uname -m), Linux $(uname -r)"
 show
 if [ "$PHASE" = upgrade ]; then
     cp /rig/up.bin /tmp/up.bin

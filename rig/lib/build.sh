@@ -21,36 +21,48 @@ rig_install_packages()
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-# The tool and the host tools, built for this machine (x86_64) from the working tree, or,
-# with RIG_FROM_HEAD=1, from the last commit (when the working tree is in the middle of a
-# change).
-rig_build_tool()
+# The source tree the rig builds: the working tree, or, with RIG_FROM_HEAD=1, the last
+# commit (when the working tree is in the middle of a change). Prints its path.
+rig_tool_source()
 {
-    local src=$RIG_ROOT tree=$RIG_BUILD/tool
-    if [ "${RIG_FROM_HEAD:-0}" = 1 ]; then
-        tree=$RIG_BUILD/tool-head
-        src=$RIG_BUILD/head
-        local head
-        head=$(git -C "$RIG_ROOT" rev-parse HEAD)
-        if [ "$(cat "$src/.rig-head" 2>/dev/null)" != "$head" ]; then
-            rm -rf "$src"
-            mkdir -p "$src"
-            git -C "$RIG_ROOT" archive HEAD | tar -x -C "$src"
-            echo "$head" >"$src/.rig-head"
-        fi
+    [ "${RIG_FROM_HEAD:-0}" = 1 ] || { echo "$RIG_ROOT"; return; }
+    local src=$RIG_HOST_BUILD/head head
+    head=$(git -C "$RIG_ROOT" rev-parse HEAD)
+    if [ "$(cat "$src/.rig-head" 2>/dev/null)" != "$head" ]; then
+        rm -rf "$src"
+        mkdir -p "$src"
+        git -C "$RIG_ROOT" archive HEAD | tar -x -C "$src"
+        echo "$head" >"$src/.rig-head"
     fi
-    # The router's build: recovery from power cuts on.
+    echo "$src"
+}
+
+# rig_build_host_tools SRC [TARGET...]: the x86_64 tree of the rig (the router's build:
+# recovery from power cuts on), with the pack tool and the simulator's road maker, which run
+# on the host, and the TARGETs.
+rig_build_host_tools()
+{
+    local src=$1 tree=$RIG_HOST_BUILD/tool
+    shift
+    [ "${RIG_FROM_HEAD:-0}" = 1 ] && tree=$RIG_HOST_BUILD/tool-head
     cmake -S "$src" -B "$tree" -G Ninja -DVIREO_BUILD_TESTS=OFF -DVIREO_BUILD_BENCH=OFF \
         -DVIREO_BUILD_SIM=ON -DVIREO_POWER_CUT_RECOVERY=ON >/dev/null
-    # The simulator's preloaded library (sim/), for the power cuts the router makes at a chosen
-    # flash operation of the tool, and its roads, laid out for the router's flash.
-    cmake --build "$tree" -j2 --target vireo_firmware_upgrade vireo_firmware_pack \
-        vireo_flash_preload vireo_sim_road vireo_flash_floor >/dev/null
-    RIG_TOOL=$tree/vireo_firmware_upgrade
+    cmake --build "$tree" -j2 --target vireo_firmware_pack vireo_sim_road vireo_flash_floor "$@" \
+        >/dev/null
     RIG_PACK=$tree/vireo_firmware_pack
-    RIG_PRELOAD=$tree/sim/libvireo_flash_preload.so
     RIG_SIM_ROAD=$tree/sim/vireo_sim_road
     RIG_FLOOR=$tree/sim/vireo_flash_floor
+    RIG_HOST_TREE=$tree
+}
+
+# The tool and the host tools, built for this machine (x86_64). The simulator's preloaded
+# library (sim/) makes the power cuts the router takes at a chosen flash operation of the
+# tool; its roads are laid out for the router's flash by the road maker.
+rig_build_tool()
+{
+    rig_build_host_tools "$(rig_tool_source)" vireo_firmware_upgrade vireo_flash_preload
+    RIG_TOOL=$RIG_HOST_TREE/vireo_firmware_upgrade
+    RIG_PRELOAD=$RIG_HOST_TREE/sim/libvireo_flash_preload.so
 }
 
 # A deliberately broken tool for the nor-broken-erase scenario: the last commit with
@@ -211,6 +223,7 @@ rig_build_initramfs()
 
 rig_build_all()
 {
+    [ "$RIG_ARCH" = arm64 ] && { rig_arm64_build_all; return; }
     rig_install_packages
     rig_build_tool
     rig_fetch_kernel

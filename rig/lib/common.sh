@@ -2,10 +2,31 @@
 # The rig's host side, sourced by run.sh and demo.sh: paths, the libraries, and the two
 # steps every scenario takes (a shared folder, a boot with its checks reported).
 RIG_DIR=$RIG_ROOT/rig
-RIG_BUILD=$RIG_ROOT/build-rig
+RIG_HOST_BUILD=$RIG_ROOT/build-rig
+
+# rig_set_arch x86_64|arm64: the router's architecture. RIG_BUILD holds what is built for it
+# (build-rig/ for x86_64, build-rig/arm64/ for arm64) and its scenarios' work; the host tools
+# are always x86_64, in build-rig/tool/.
+rig_set_arch()
+{
+    case $1 in
+    x86_64) RIG_BUILD=$RIG_HOST_BUILD ;;
+    arm64) RIG_BUILD=$RIG_HOST_BUILD/arm64 ;;
+    *) echo "rig: unknown architecture $1 (x86_64 or arm64)" >&2; return 1 ;;
+    esac
+    RIG_ARCH=$1
+}
+rig_set_arch x86_64
+
+# The router's machine as its `uname -m` names it.
+rig_machine()
+{
+    case $RIG_ARCH in arm64) echo aarch64 ;; *) echo x86_64 ;; esac
+}
 RIG_BOOT_TIMEOUT=${RIG_BOOT_TIMEOUT:-120}
 
 . "$RIG_DIR/lib/build.sh"
+. "$RIG_DIR/lib/arm64.sh"
 . "$RIG_DIR/lib/vm.sh"
 . "$RIG_DIR/lib/host.sh"
 . "$RIG_DIR/lib/raw_device.sh"

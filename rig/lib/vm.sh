@@ -17,9 +17,11 @@ rig_qemu()
               -device virtio-blk-pci,drive=flash)
     fi
     : >"$log"
-    qemu-system-x86_64 -accel tcg -machine pc -m "${RIG_MEM:-256}" -smp 1 -nodefaults -no-user-config \
+    local machine=(qemu-system-x86_64 -accel tcg -machine pc) cmdline=$rig_cmdline
+    [ "$RIG_ARCH" = arm64 ] && machine=("${rig_arm64_qemu[@]}") cmdline=$rig_arm64_cmdline
+    "${machine[@]}" -m "${RIG_MEM:-256}" -smp 1 -nodefaults -no-user-config \
         -display none -no-reboot -serial "file:$log" \
-        -kernel "$RIG_KERNEL" -initrd "$RIG_INITRD" -append "$rig_cmdline" \
+        -kernel "$RIG_KERNEL" -initrd "$RIG_INITRD" -append "$cmdline" \
         -fsdev "local,id=rig,path=$share,security_model=none" \
         -device virtio-9p-pci,fsdev=rig,mount_tag=rig \
         "${disk[@]}" >"$log.qemu" 2>&1 &

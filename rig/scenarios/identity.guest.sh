@@ -3,6 +3,27 @@
 . /lib/rig.sh
 . /rig/config
 
+# The router is the machine asked for, and every program it carries starts there: built for
+# it, its libraries and loader all in the initramfs. The preloaded library loads too (the
+# loader only warns when it cannot).
+expect_value "the router's machine" "$MACHINE" "$(uname -m)"
+for prog in /usr/sbin/*; do
+    [ -L "$prog" ] && continue # busybox's applets
+    case ${prog##*/} in mtd) continue ;; vireo_firmware_upgrade) arg=--help ;; *) arg=--version ;; esac
+    if "$prog" $arg >/dev/null 2>/tmp/start.err; then
+        ok "${prog##*/} starts"
+    else
+        not_ok "${prog##*/} does not start: $(head -1 /tmp/start.err)"
+    fi
+done
+LD_PRELOAD=/usr/lib/vireo_flash_preload.so vireo_firmware_upgrade --help >/dev/null 2>/tmp/start.err
+expect_value "the preloaded library loads" "" "$(head -1 /tmp/start.err)"
+
+# What the medium reports, as the host made its images for it.
+expect_value "mtd0 type on $FLASH" "$MTD_TYPE" "$(cat /sys/class/mtd/mtd0/type)"
+expect_value "mtd0 erase block on $FLASH" "$ERASE_SIZE" "$(cat /sys/class/mtd/mtd0/erasesize)"
+expect_value "mtd0 write unit on $FLASH" "$WRITESIZE" "$(cat /sys/class/mtd/mtd0/writesize)"
+
 data=$(mtd_dev data)
 n=${data#/dev/mtd}
 [ -n "$data" ] && ok "partition 'data' is $data" || not_ok "no partition 'data'"
@@ -30,9 +51,6 @@ uptime_cs()
 }
 
 if [ "$FLASH" = nor ]; then
-    expect_value "mtd0's type" nor "$(cat /sys/class/mtd/mtd0/type)"
-    expect_value "mtd0's erase size" "$ERASE_SIZE" "$(cat /sys/class/mtd/mtd0/erasesize)"
-    expect_value "mtd0's write size" 1 "$(cat /sys/class/mtd/mtd0/writesize)"
     expect_value "mtd$n's type" nor "$(cat /sys/class/mtd/mtd$n/type)"
     # A program only clears bits. 0xF0 over erased bytes, then 0x0F over them (bits to set):
     # refused, the cells keeping old AND new; then 0x30 over 0xF0 (bits cleared only): taken.
@@ -98,6 +116,15 @@ cp /rig/vol.bin /tmp/vol.expect
 head -c $((reserved - 100000)) /dev/zero | tr '\0' '\377' >>/tmp/vol.expect
 expect_same "volume holds the image, then 0xFF" "$vol" /tmp/vol.expect
 expect_value "ubi0 is a character device" c "$(stat -c %F /dev/ubi0 | cut -c1)"
+
+# Every module of the router loads into its kernel (version magic, symbol versions: the
+# modules built here against Debian's headers among them), but the drivers of other media.
+dep=/lib/modules/$(uname -r)/modules.dep
+for m in $(sed 's/:.*//; s,.*/,,; s/\.ko$//' "$dep"); do
+    case " $FLASH_DRIVERS " in *" $m "*) [ -d "/sys/module/$m" ] || continue ;; esac
+    modprobe "$m" 2>/dev/null
+    [ -d "/sys/module/$(echo "$m" | tr - _)" ] && ok "module $m loaded" || not_ok "module $m does not load"
+done
 
 if [ "$FLASH" = nor ]; then
     # Unloaded, the NOR flash goes away; loaded again it is a fresh, erased chip of the size

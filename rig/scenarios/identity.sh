@@ -12,6 +12,19 @@ identity_layout=(
     "ubi 0x0C0000 0x340000"
 )
 
+# Each router also checks that it is the machine asked for (x86_64 or aarch64), that every
+# module it carries loads into its kernel, and what its medium reports: type, erase block
+# and write unit.
+# The modules that bring up a flash when they load: each router loads only its own, the
+# other routers of the scenario the rest.
+identity_flash_drivers="mtdram block2mtd nandsim rig_nor"
+
+# The type /sys/class/mtd/mtd0/type names for the current medium.
+identity_mtd_type()
+{
+    case $RIG_MEDIUM in nand | nand-small) echo nand ;; nor) echo nor ;; *) echo ram ;; esac
+}
+
 scenario_identity()
 {
     local status=0 backend flash share
@@ -26,6 +39,8 @@ scenario_identity()
         rig_random "$share/vol.bin" 100000 identity-volume
         {
             rig_flash_config "FLASH_SIZE=$((0x400000)) PTN_BASE=0x040000 UBI_LEB=$RIG_LEB"
+            echo "MTD_TYPE=$(identity_mtd_type) WRITESIZE=$RIG_MIN_IO MACHINE=$(rig_machine)"
+            echo "FLASH_DRIVERS=\"$identity_flash_drivers\""
             [ "$backend" != block2mtd ] && echo "FLASH_IMAGE=flash.img"
         } >"$share/config"
         if [ "$backend" = block2mtd ]; then
