@@ -24,7 +24,7 @@ done
 rig_all_scenarios=(identity signature raw raw-ubi ubi ubi-badblocks raw-badblock speed powercut-raw
                    powercut-ubi powercut-nand powercut-nor nor-broken-erase rewrite small-router
                    openwrt large-move)
-rig_arm64_scenarios=(identity signature raw raw-ubi ubi small-router)
+rig_arm64_scenarios=(identity signature raw raw-ubi ubi small-router powercut-nor nor-broken-erase)
 
 usage()
 {

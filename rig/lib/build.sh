@@ -85,8 +85,11 @@ rig_build_broken_tool()
         [ -e "$new/$f" ] || rm -f "$src/$f"
     done
     rm -rf "$new"
+    # Built for the router's machine, as its good tool is.
+    local cross=()
+    [ "$RIG_ARCH" = arm64 ] && cross=(-DCMAKE_TOOLCHAIN_FILE="$src/cmake/aarch64-linux-gnu.cmake")
     cmake -S "$src" -B "$tree" -G Ninja -DVIREO_BUILD_TESTS=OFF -DVIREO_BUILD_BENCH=OFF \
-        -DVIREO_BUILD_SIM=ON -DVIREO_POWER_CUT_RECOVERY=ON >/dev/null
+        -DVIREO_BUILD_SIM=ON -DVIREO_POWER_CUT_RECOVERY=ON "${cross[@]}" >/dev/null
     nice cmake --build "$tree" -j2 --target vireo_firmware_upgrade >/dev/null
     RIG_BROKEN_TOOL=$tree/vireo_firmware_upgrade
 }
