@@ -22,7 +22,7 @@
  *
  * The two times can be changed while the flash is up, through
  * /sys/module/rig_nor/parameters/ (a scenario programs its image at full speed, then times
- * the tool). They sleep (fsleep) instead of spinning, so a timed flash costs the emulated
+ * the tool). They sleep (usleep_range) instead of spinning, so a timed flash costs the emulated
  * CPU nothing. The flash reads 0xFF after loading; unloading frees it.
  *
  * What the chip did is counted in erased_blocks and programmed_bytes (writing 0 to either
@@ -65,10 +65,21 @@ static u8 *cells;
 /* One operation at a time, as on a chip: UBI's background thread and a writer may meet. */
 static DEFINE_MUTEX(busy);
 
+/*
+ * The chip's time, slept closely: fsleep() would allow a wake-up up to twice as late
+ * (usleep_range(us, 2 * us)) or a jiffy or two late (msleep), and the rig times the tool
+ * against the chip's own time.
+ */
 static void rig_nor_wait_us(u64 us)
 {
-	if (us)
-		fsleep(min_t(u64, us, ULONG_MAX));
+	unsigned long t = min_t(u64, us, ULONG_MAX / 2);
+
+	if (!t)
+		return;
+	if (t <= 10)
+		udelay(t);
+	else
+		usleep_range(t, t + t / 256 + 10);
 }
 
 static int rig_nor_erase(struct mtd_info *mtd, struct erase_info *instr)
