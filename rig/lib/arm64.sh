@@ -226,12 +226,7 @@ rig_arm64_build_initramfs()
     done
     # The loader, where the programs' interpreter entry looks for it.
     install -D -m 0755 "$(readlink -f /lib/ld-linux-aarch64.so.1)" "$tree/lib/ld-linux-aarch64.so.1"
-    install -m 0755 "$RIG_DIR/guest/init" "$tree/init"
-    install -m 0755 "$RIG_DIR/guest/mtd" "$tree/usr/sbin/mtd"
-    install -m 0644 "$RIG_DIR/guest/lib.sh" "$tree/lib/rig.sh"
-    (cd "$tree" && find . | LC_ALL=C sort | busybox cpio -o -H newc 2>/dev/null) \
-        >"$RIG_BUILD/initramfs.cpio"
-    RIG_INITRD=$RIG_BUILD/initramfs.cpio
+    rig_initramfs_finish "$tree"
 }
 
 rig_arm64_build_all()

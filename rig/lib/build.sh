@@ -216,6 +216,14 @@ rig_build_initramfs()
     done
     rig_copy_program "$RIG_TOOL" /usr/sbin/vireo_firmware_upgrade "$tree"
     install -D -m 0755 "$RIG_PRELOAD" "$tree/usr/lib/vireo_flash_preload.so"
+    rig_initramfs_finish "$tree"
+}
+
+# rig_initramfs_finish TREE: the guest's own files (the init, the `mtd` stand-in, the
+# helpers) added to TREE, packed as the initramfs RIG_INITRD.
+rig_initramfs_finish()
+{
+    local tree=$1
     install -m 0755 "$RIG_DIR/guest/init" "$tree/init"
     install -m 0755 "$RIG_DIR/guest/mtd" "$tree/usr/sbin/mtd"
     install -m 0644 "$RIG_DIR/guest/lib.sh" "$tree/lib/rig.sh"

@@ -34,6 +34,21 @@ rig_put()
     dd if="$3" of="$1" bs=65536 seek="$(($2))" oflag=seek_bytes conv=notrunc status=none
 }
 
+# rig_put_units FILE DIR NAME:OFFSET...: each DIR/NAME written into FILE at OFFSET as the tool
+# writes a partition's content: in 2048-byte units, the last one padded with 0xFF.
+rig_put_units()
+{
+    local file=$1 dir=$2 pair size
+    shift 2
+    for pair in "$@"; do
+        cp "$dir/${pair%:*}" "$dir/padded"
+        size=$(wc -c <"$dir/padded")
+        rig_pad "$dir/padded" $(((size + 2047) / 2048 * 2048))
+        rig_put "$file" "${pair#*:}" "$dir/padded"
+    done
+    rm -f "$dir/padded"
+}
+
 # rig_get FILE OFFSET LEN OUT: the LEN bytes of FILE at OFFSET.
 rig_get()
 {

@@ -145,18 +145,12 @@ raw_expected()
     rig_record "$dir/ptn-new.rec" <"$dir/ptn-new.json"
     rig_record "$dir/fwinfo-new.rec" <"$dir/fwinfo-new.json"
     rig_record "$dir/support-vr100.rec" <"$dir/support-vr100.json"
-    local pair
-    for pair in ptn-new.rec:0x060000 fwinfo-new.rec:0x0C0000 support-vr100.rec:0x0E0000 \
-        new-BL2.bin:0x000000 new-FIP.bin:0x660000 new-kernel.bin:0x140000 \
-        new-rootfs.bin:0x340000; do
-        cp "$dir/${pair%:*}" "$dir/padded"
-        size=$(wc -c <"$dir/padded")
-        rig_pad "$dir/padded" $(((size + 2047) / 2048 * 2048))
-        rig_put "$exp" "${pair#*:}" "$dir/padded"
-    done
+    rig_put_units "$exp" "$dir" ptn-new.rec:0x060000 fwinfo-new.rec:0x0C0000 \
+        support-vr100.rec:0x0E0000 new-BL2.bin:0x000000 new-FIP.bin:0x660000 \
+        new-kernel.bin:0x140000 new-rootfs.bin:0x340000
     rig_get "$dir/factory.img" 0x0A0000 0x020000 "$dir/extra-para.exp"
     rig_flag_overlay "$dir/extra-para.exp" on 0 0
     rig_put "$exp" 0x0A0000 "$dir/extra-para.exp"
-    rm -f "$dir/ff" "$dir/padded"
+    rm -f "$dir/ff"
     printf '%s\n' "${raw_new_layout[@]}" >"$dir/new.list"
 }

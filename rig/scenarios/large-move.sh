@@ -78,7 +78,7 @@ JSON
     for part in data log cfg; do
         rig_put "$exp" "$(raw_layout_field "$part" 2 "${large_new_layout[@]}")" "$dir/old-$part.bin"
     done
-    local base size pair
+    local base size
     for part in partition-table firmware-info support-list kernel; do
         base=$(raw_layout_field "$part" 2 "${large_old_layout[@]}")
         size=$(raw_layout_field "$part" 3 "${large_old_layout[@]}")
@@ -88,17 +88,12 @@ JSON
     rig_record "$dir/ptn-new.rec" <"$dir/ptn-new.json"
     rig_record "$dir/fwinfo-new.rec" <"$dir/fwinfo-new.json"
     rig_record "$dir/support.rec" <"$dir/support.json"
-    for pair in ptn-new.rec:0x000000 fwinfo-new.rec:0x060000 support.rec:0x080000 \
-        new-kernel.bin:0x0A0000; do
-        cp "$dir/${pair%:*}" "$dir/padded"
-        size=$(wc -c <"$dir/padded")
-        rig_pad "$dir/padded" $(((size + 2047) / 2048 * 2048))
-        rig_put "$exp" "${pair#*:}" "$dir/padded"
-    done
+    rig_put_units "$exp" "$dir" ptn-new.rec:0x000000 fwinfo-new.rec:0x060000 support.rec:0x080000 \
+        new-kernel.bin:0x0A0000
     rig_get "$img" 0x040000 0x020000 "$dir/extra-para.exp"
     rig_flag_overlay "$dir/extra-para.exp" on 0 0
     rig_put "$exp" 0x040000 "$dir/extra-para.exp"
-    rm -f "$dir"/old-*.bin "$dir/ff" "$dir/padded"
+    rm -f "$dir"/old-*.bin "$dir/ff"
 }
 
 scenario_large_move()
