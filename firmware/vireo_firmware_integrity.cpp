@@ -2,6 +2,7 @@
 #include "firmware/vireo_firmware_integrity.h"
 
 #include "common/vireo_common.h"
+#include "common/vireo_fd.h"
 #include "common/vireo_file.h"
 #include "crypto/vireo_md5.h"
 #include "crypto/vireo_rsa.h"
@@ -114,32 +115,6 @@ void trace_too_short(uint64_t size)
     VIREO_TRACE("Rsa check not pass\n\n");
 }
 
-// Reads exactly len bytes (fewer only at the end of the file); -1 on a read error.
-ssize_t read_full(int fd, uint8_t *buf, size_t len)
-{
-    size_t done = 0;
-    while (done < len) {
-        const ssize_t n = read(fd, buf + done, len - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return -1;
-        if (n == 0)
-            break;
-        done += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(done);
-}
-
-struct fd_closer {
-    int fd;
-    ~fd_closer()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
-
 // Opens a file for -t or -m and takes its size; -1 (traced) on failure.
 int open_input(const char *path, int32_t *size)
 {
@@ -208,12 +183,13 @@ int32_t vireo_check_rsa(const uint8_t *buf, uint32_t size)
 int32_t vireo_check_head_rsa(const char *path)
 {
     int32_t size = 0;
-    fd_closer file{open_input(path, &size)};
+    fd_guard file{open_input(path, &size)};
     if (file.fd < 0)
         return -1;
     std::vector<uint8_t> chunk(HEAD_READ_CHUNK);
     // The first chunk holds the signature field whenever the file does.
-    const ssize_t first = read_full(file.fd, chunk.data(), chunk.size());
+    const ssize_t first =
+        vireo_read_up_to(file.fd, chunk.data(), static_cast<int64_t>(chunk.size()));
     if (first < 0) {
         VIREO_TRACE("Failed to read file '%s'\n", path);
         return -1;
@@ -241,7 +217,7 @@ int32_t vireo_check_head_rsa(const char *path)
                 pos += use;
                 if (pos >= static_cast<uint64_t>(size))
                     break;
-                got = read_full(file.fd, chunk.data(), chunk.size());
+                got = vireo_read_up_to(file.fd, chunk.data(), static_cast<int64_t>(chunk.size()));
             }
             if (got < 0 || pos != static_cast<uint64_t>(size)) {
                 VIREO_TRACE("Failed to read file '%s'\n", path);
@@ -259,44 +235,68 @@ int32_t vireo_check_head_rsa(const char *path)
 namespace
 {
 
-// One pass over the signed bytes: every chunk is copied (or read) into a chunk of the
-// prehash lane, sealed, digested for RSA, masked and handed to the lane, so that every
-// digest and seal is of the same private copy.
+// One pass over the signed bytes: the lane copies (or reads) each chunk privately and
+// prehashes it; here the same copy is sealed and digested for RSA, so that every digest and
+// seal is of the same bytes.
 struct signed_pass {
     md5_ctx md5;
     vireo_prehash_lane lane;
     vireo_seals *seals = nullptr;
     uint8_t head[SIGBLOCK_END] = {}; // the file's first bytes, as digested
     uint64_t head_len = 0;
+    uint64_t pos = 0; // bytes digested
 };
 
-int32_t pass_start(signed_pass *pass, vireo_seals *seals)
+// Starts the pass over the first size bytes of buf, or when buf is null of fd.
+int32_t pass_start(signed_pass *pass, vireo_seals *seals, const uint8_t *buf, int fd, uint64_t size)
 {
     pass->seals = seals;
     md5_init(&pass->md5);
-    if (vireo_prehash_lane_start(&pass->lane) != 0) {
+    if (vireo_prehash_lane_start(&pass->lane, buf, fd, size) != 0) {
         VIREO_TRACE("Failed to alloc %d bytes memory\n", VIREO_LANE_SLOTS * VIREO_LANE_CHUNK);
         return -1;
     }
     return 0;
 }
 
-// The chunk at file offset pos, n bytes, now in the lane's current slot.
-void pass_chunk(signed_pass *pass, uint64_t pos, uint8_t *chunk, uint32_t n)
+// Digests the chunk that follows what was digested.
+void pass_chunk(signed_pass *pass, const uint8_t *chunk, uint64_t n)
 {
+    const uint64_t pos = pass->pos;
     if (pass->seals)
-        for (uint32_t off = 0; off < n; off += VIREO_SEAL_BLOCK)
-            vireo_seals_record(pass->seals, static_cast<uint32_t>((pos + off) / VIREO_SEAL_BLOCK),
-                               chunk + off,
-                               n - off < VIREO_SEAL_BLOCK ? n - off : VIREO_SEAL_BLOCK);
+        for (uint64_t off = 0; off < n; off += VIREO_SEAL_BLOCK)
+            vireo_seals_record(
+                pass->seals, static_cast<uint32_t>((pos + off) / VIREO_SEAL_BLOCK), chunk + off,
+                static_cast<uint32_t>(n - off < VIREO_SEAL_BLOCK ? n - off : VIREO_SEAL_BLOCK));
     digest_signed(&pass->md5, pos, chunk, n);
     if (pos < SIGBLOCK_END) {
         const uint64_t k = pos + n < SIGBLOCK_END ? n : SIGBLOCK_END - pos;
         memcpy(pass->head + pos, chunk, k);
         pass->head_len = pos + k;
     }
-    vireo_sigblock_mask(pos, chunk, n);
-    vireo_prehash_lane_submit(&pass->lane, n);
+    pass->pos += n;
+}
+
+// Digests every chunk from the lane, the first one (first bytes at chunk) included: the last
+// chunk's result, 0 at the end, -1 on a read error.
+int64_t pass_rest(signed_pass *pass, const uint8_t *chunk, int64_t first)
+{
+    int64_t got = first;
+    while (got > 0) {
+        pass_chunk(pass, chunk, static_cast<uint64_t>(got));
+        got = vireo_prehash_lane_next(&pass->lane, &chunk);
+    }
+    return got;
+}
+
+// The verdict over the digests of a finished pass.
+int32_t pass_verify(const vireo_trace_site &site, signed_pass *pass)
+{
+    uint8_t digest[16], prehash[SIGBLOCK_PREHASH_SIZE];
+    md5_final(digest, &pass->md5);
+    vireo_prehash_lane_finish(&pass->lane, prehash);
+    return verify(site, pass->head + FIRMWARE_SIGNATURE_OFFSET, digest, pass->head, pass->head_len,
+                  prehash);
 }
 
 } // namespace
@@ -311,77 +311,54 @@ int32_t vireo_check_rsa(const uint8_t *buf, uint32_t size)
         return -1;
     }
     signed_pass pass;
-    if (pass_start(&pass, vireo_seals_armed_for(buf, size)) != 0)
+    if (pass_start(&pass, vireo_seals_armed_for(buf, size), buf, -1, size) != 0)
         return -1;
-    for (uint64_t pos = 0; pos < size; pos += VIREO_LANE_CHUNK) {
-        const uint32_t n =
-            static_cast<uint32_t>(size - pos < VIREO_LANE_CHUNK ? size - pos : VIREO_LANE_CHUNK);
-        uint8_t *chunk = vireo_prehash_lane_slot(&pass.lane);
-        memcpy(chunk, buf + pos, n);
-        pass_chunk(&pass, pos, chunk, n);
-    }
-    uint8_t digest[16], prehash[SIGBLOCK_PREHASH_SIZE];
-    md5_final(digest, &pass.md5);
-    vireo_prehash_lane_finish(&pass.lane, prehash);
-    return verify(VIREO_SITE(), pass.head + FIRMWARE_SIGNATURE_OFFSET, digest, pass.head,
-                  pass.head_len, prehash);
+    const uint8_t *chunk = nullptr;
+    // A copy out of memory is never short.
+    pass_rest(&pass, chunk, vireo_prehash_lane_next(&pass.lane, &chunk));
+    return pass_verify(VIREO_SITE(), &pass);
 }
 
 int32_t vireo_check_head_rsa(const char *path)
 {
     int32_t size = 0;
-    fd_closer file{open_input(path, &size)};
+    fd_guard file{open_input(path, &size)};
     if (file.fd < 0)
         return -1;
     signed_pass pass;
-    if (pass_start(&pass, nullptr) != 0)
+    if (pass_start(&pass, nullptr, nullptr, file.fd, static_cast<uint64_t>(size)) != 0)
         return -1;
-    uint8_t *chunk = vireo_prehash_lane_slot(&pass.lane);
     // The first chunk holds the signature field and the block whenever the file does.
-    ssize_t got = read_full(file.fd, chunk, VIREO_LANE_CHUNK);
-    if (got < 0) {
+    const uint8_t *chunk = nullptr;
+    const int64_t first = vireo_prehash_lane_next(&pass.lane, &chunk);
+    if (first < 0) {
         VIREO_TRACE("Failed to read file '%s'\n", path);
         return -1;
     }
     if (rsa_passed)
         return 0;
-    if (got < SIGNATURE_END) {
-        trace_too_short(static_cast<uint64_t>(got));
+    if (first < SIGNATURE_END) {
+        trace_too_short(static_cast<uint64_t>(first));
         return -1;
     }
-    uint8_t digest[16], prehash[SIGBLOCK_PREHASH_SIZE];
     if (!digest_from_image) {
         // -m supplied the digests: the head is not digested.
         if (!supplied_digest_valid) {
             VIREO_TRACE("no md5 Rsa check not pass\n\n");
             return -1;
         }
-        const uint64_t k = static_cast<uint64_t>(got) < SIGBLOCK_END ? got : SIGBLOCK_END;
+        const uint64_t k = static_cast<uint64_t>(first) < SIGBLOCK_END ? first : SIGBLOCK_END;
         memcpy(pass.head, chunk, k);
         return verify(VIREO_SITE(), pass.head + FIRMWARE_SIGNATURE_OFFSET, supplied_digest,
                       pass.head, k, supplied_prehash_valid ? supplied_prehash : nullptr);
     }
-    uint64_t pos = 0;
     // Only the size taken at the start is read: a file that grows meanwhile does not make
     // the check run on.
-    while (got > 0) {
-        const uint64_t want = static_cast<uint64_t>(size) - pos;
-        const uint32_t use = static_cast<uint32_t>(static_cast<uint64_t>(got) < want ? got : want);
-        pass_chunk(&pass, pos, chunk, use);
-        pos += use;
-        if (pos >= static_cast<uint64_t>(size))
-            break;
-        chunk = vireo_prehash_lane_slot(&pass.lane);
-        got = read_full(file.fd, chunk, VIREO_LANE_CHUNK);
-    }
-    if (got < 0 || pos != static_cast<uint64_t>(size)) {
+    if (pass_rest(&pass, chunk, first) < 0 || pass.pos != static_cast<uint64_t>(size)) {
         VIREO_TRACE("Failed to read file '%s'\n", path);
         return -1;
     }
-    md5_final(digest, &pass.md5);
-    vireo_prehash_lane_finish(&pass.lane, prehash);
-    return verify(VIREO_SITE(), pass.head + FIRMWARE_SIGNATURE_OFFSET, digest, pass.head,
-                  pass.head_len, prehash);
+    return pass_verify(VIREO_SITE(), &pass);
 }
 
 #endif
@@ -389,14 +366,14 @@ int32_t vireo_check_head_rsa(const char *path)
 int32_t vireo_check_md5(const char *path)
 {
     int32_t size = 0;
-    fd_closer file{open_input(path, &size)};
+    fd_guard file{open_input(path, &size)};
     if (file.fd < 0)
         return -1;
     // When the build requires the Ed25519 signature, the prehash may follow the digest.
     uint8_t digest[sizeof(supplied_digest) + sizeof(supplied_prehash)];
     const size_t want =
         sizeof(supplied_digest) + (VIREO_SIGNATURE_REQUIRE ? sizeof(supplied_prehash) : 0);
-    const ssize_t got = read_full(file.fd, digest, want);
+    const ssize_t got = vireo_read_up_to(file.fd, digest, static_cast<int64_t>(want));
     if (got < 0) {
         VIREO_TRACE("Failed to read file '%s'\n", path);
         return -1;

@@ -61,15 +61,10 @@ bool read_and_refuse(const firmware_header *, up_ptn_table *table, const vireo_p
 void read_signature_block(const uint8_t *file, uint32_t len)
 {
     vireo_prehash_lane lane;
-    if (vireo_prehash_lane_start(&lane) != 0)
+    if (vireo_prehash_lane_start(&lane, file, -1, len) != 0)
         abort();
-    for (uint64_t pos = 0; pos < len; pos += VIREO_LANE_CHUNK) {
-        const uint32_t n =
-            static_cast<uint32_t>(len - pos < VIREO_LANE_CHUNK ? len - pos : VIREO_LANE_CHUNK);
-        uint8_t *chunk = vireo_prehash_lane_slot(&lane);
-        memcpy(chunk, file + pos, n);
-        vireo_sigblock_mask(pos, chunk, n);
-        vireo_prehash_lane_submit(&lane, n);
+    const uint8_t *chunk = nullptr;
+    while (vireo_prehash_lane_next(&lane, &chunk) > 0) {
     }
     uint8_t prehash[SIGBLOCK_PREHASH_SIZE];
     vireo_prehash_lane_finish(&lane, prehash);

@@ -2,6 +2,7 @@
 // The Ed25519 signature block: its layout checked against an independent reading of the
 // format, the key ring and its verdicts, the prehash lane, and signed files under the
 // build's signature policy as a user runs the tool.
+#include "common/vireo_fd.h"
 #include "firmware/vireo_firmware_integrity.h"
 #include "firmware/vireo_firmware_keyring.h"
 #include "firmware/vireo_firmware_sigblock.h"
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
 #include <unistd.h>
@@ -274,22 +276,112 @@ TEST(KeyRing, AFileIsTrustedWhileOneOfItsKeysIsInTheRing)
                  key_hex);
 }
 
-TEST(PrehashLane, HashesEveryChunkInOrder)
+// What the lane hands on, joined, and its hash.
+struct lane_run {
+    bytes seen;
+    bytes prehash = bytes(64);
+    std::vector<int64_t> results; // every result of next, the last one included
+};
+
+// Takes chunks until a result that is not a full chunk, or max_chunks of them.
+lane_run take_all(const uint8_t *buf, int fd, uint64_t size, size_t max_chunks = SIZE_MAX)
 {
-    for (size_t size : {size_t{0}, size_t{1}, size_t{VIREO_LANE_CHUNK},
-                        size_t{VIREO_LANE_SLOTS * VIREO_LANE_CHUNK * 2 + 7}}) {
-        const bytes data = random_bytes(size);
-        vireo_prehash_lane lane;
-        ASSERT_EQ(0, vireo_prehash_lane_start(&lane));
-        for (size_t pos = 0; pos < size; pos += VIREO_LANE_CHUNK) {
-            const size_t n = std::min<size_t>(VIREO_LANE_CHUNK, size - pos);
-            memcpy(vireo_prehash_lane_slot(&lane), data.data() + pos, n);
-            vireo_prehash_lane_submit(&lane, static_cast<uint32_t>(n));
-        }
-        uint8_t out[64];
-        vireo_prehash_lane_finish(&lane, out);
-        EXPECT_EQ(ref_digest(EVP_blake2b512(), data), bytes(out, out + 64)) << size;
+    lane_run run;
+    vireo_prehash_lane lane;
+    if (vireo_prehash_lane_start(&lane, buf, fd, size) != 0)
+        return run;
+    for (size_t i = 0; i < max_chunks; i++) {
+        const uint8_t *chunk = nullptr;
+        const int64_t n = vireo_prehash_lane_next(&lane, &chunk);
+        run.results.push_back(n);
+        if (n <= 0)
+            break;
+        run.seen.insert(run.seen.end(), chunk, chunk + n);
     }
+    vireo_prehash_lane_finish(&lane, run.prehash.data());
+    return run;
+}
+
+// The prehash a verifier makes from the format alone: the signature fields as zeros.
+bytes masked_prehash(bytes data)
+{
+    vireo_sigblock_mask(0, data.data(), data.size());
+    return ref_digest(EVP_blake2b512(), data);
+}
+
+TEST(PrehashLane, HandsOnEveryByteInOrderAndHashesThemMasked)
+{
+    temp_dir dir;
+    const size_t sizes[] = {0,
+                            1,
+                            SIGBLOCK_END - 1,
+                            VIREO_LANE_CHUNK,
+                            VIREO_LANE_CHUNK + SIGBLOCK_END,
+                            VIREO_LANE_SLOTS * VIREO_LANE_CHUNK * 3 + 7};
+    for (size_t size : sizes) {
+        const bytes data = random_bytes(size);
+        const std::string path = dir.join("f");
+        write_file(path, std::string(data.begin(), data.end()));
+        fd_guard fd(open(path.c_str(), O_RDONLY));
+        for (bool from_fd : {false, true}) {
+            const lane_run run =
+                take_all(from_fd ? nullptr : data.data(), from_fd ? fd.fd : -1, size);
+            EXPECT_EQ(data, run.seen) << size << " from_fd " << from_fd;
+            EXPECT_EQ(masked_prehash(data), run.prehash) << size << " from_fd " << from_fd;
+            EXPECT_EQ(0, run.results.back()) << size;
+        }
+    }
+}
+
+TEST(PrehashLane, AFileShorterOrLongerThanItsSizeOrUnreadable)
+{
+    temp_dir dir;
+    const size_t actual = VIREO_LANE_CHUNK * 2 + 100;
+    const bytes data = random_bytes(actual);
+    const std::string path = dir.join("f");
+    write_file(path, std::string(data.begin(), data.end()));
+    struct {
+        uint64_t size;   // the size the pass was started with
+        size_t expected; // bytes handed on
+        int64_t last;    // the last result
+    } cases[] = {
+        // The file ended early: the short chunk, then the end.
+        {actual + VIREO_LANE_CHUNK, actual, 0},
+        // Exactly a chunk short: an empty result ends it.
+        {actual - 100 + VIREO_LANE_CHUNK, actual, 0},
+        // The file grew meanwhile: only the size taken is read.
+        {VIREO_LANE_CHUNK + 5, VIREO_LANE_CHUNK + 5, 0},
+    };
+    for (const auto &c : cases) {
+        fd_guard fd(open(path.c_str(), O_RDONLY));
+        const lane_run run = take_all(nullptr, fd.fd, c.size);
+        EXPECT_EQ(c.expected, run.seen.size()) << c.size;
+        EXPECT_EQ(bytes(data.begin(), data.begin() + c.expected), run.seen) << c.size;
+        EXPECT_EQ(c.last, run.results.back()) << c.size;
+        const uint64_t partial = c.expected % VIREO_LANE_CHUNK;
+        if (c.expected < c.size && partial != 0) {
+            EXPECT_EQ(static_cast<int64_t>(partial), run.results[run.results.size() - 2]);
+        }
+    }
+    // A directory opens but cannot be read.
+    fd_guard unreadable(open(dir.path.c_str(), O_RDONLY | O_DIRECTORY));
+    const lane_run failed = take_all(nullptr, unreadable.fd, 4096);
+    EXPECT_EQ(std::vector<int64_t>{-1}, failed.results);
+}
+
+TEST(PrehashLane, StopsWhenTheTakerStopsEarly)
+{
+    // The lane runs ahead of its taker by a full ring at most; finishing after one chunk of a
+    // large buffer neither waits for the rest nor hashes past what was made.
+    const bytes data = random_bytes(VIREO_LANE_SLOTS * VIREO_LANE_CHUNK * 8);
+    const lane_run run = take_all(data.data(), -1, data.size(), 1);
+    ASSERT_EQ(std::vector<int64_t>{VIREO_LANE_CHUNK}, run.results);
+    bool some_prefix = false;
+    for (size_t chunks = 1; chunks <= VIREO_LANE_SLOTS + 1; chunks++)
+        some_prefix |=
+            masked_prehash(bytes(data.begin(), data.begin() + chunks * VIREO_LANE_CHUNK)) ==
+            run.prehash;
+    EXPECT_TRUE(some_prefix);
 }
 
 namespace
