@@ -70,7 +70,7 @@ devinfo *vireo_flash_build_device_info(const ptn_table *table)
         words.data_pos = true;
         vireo_record rec;
         const vireo_record_result r =
-            vireo_record_read(VIREO_SITE(), path, size, VIREO_READ_FROM_START, words, &rec);
+            vireo_record_read(VIREO_SITE(), path, size, VIREO_READ_CONTENT, words, &rec);
         if (r == VIREO_RECORD_NO_MEMORY)
             return nullptr;
         if (r != VIREO_RECORD_OK)

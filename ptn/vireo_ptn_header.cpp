@@ -27,6 +27,14 @@ static bool content_fits(const ptn_header &h, int32_t size)
     return static_cast<uint64_t>(h.length) + PTN_HEADER_SIZE <= static_cast<uint64_t>(size);
 }
 
+uint32_t vireo_ptn_header_extent(const uint8_t *buf, int32_t size)
+{
+    if (!buf || size < PTN_HEADER_SIZE)
+        return 0;
+    const ptn_header h = read_header(buf);
+    return magic_ok(h) && content_fits(h, size) ? h.length + PTN_HEADER_SIZE : 0;
+}
+
 int32_t vireo_ptn_header_verify(const uint8_t *buf, int32_t size)
 {
     if (!buf || size < PTN_HEADER_SIZE) {

@@ -18,6 +18,9 @@ struct ptn_header {
 
 // 1 if buf starts with a valid header whose content fits in size bytes, else 0.
 int32_t vireo_ptn_header_verify(const uint8_t *buf, int32_t size);
+// The bytes a valid header at buf accounts for (itself and its content) when they fit in
+// size, else 0; quiet, for a reader that need not read past the content.
+uint32_t vireo_ptn_header_extent(const uint8_t *buf, int32_t size);
 // 1 with the content's offset (16) and length stored, else 0.
 int32_t vireo_ptn_header_get_content_pos(const uint8_t *buf, int32_t size, int32_t *offset,
                                          int32_t *length);

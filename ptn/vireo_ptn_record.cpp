@@ -27,6 +27,30 @@ int32_t vireo_record_locate(const vireo_trace_site &site, const uint8_t *data, i
     return 0;
 }
 
+// Reads at most len bytes of path from its start into a fresh buffer of len bytes, tracing
+// the reader's words on failure.
+static vireo_record_result read_into(const vireo_trace_site &site, const char *path, int32_t len,
+                                     vireo_read_kind kind, const vireo_record_words &words,
+                                     vireo_record *rec)
+{
+    rec->count = 0;
+    try {
+        rec->buf.assign(static_cast<size_t>(len), 0xFF);
+    } catch (...) {
+        say(site, words.alloc_failed);
+        return VIREO_RECORD_NO_MEMORY;
+    }
+    const int32_t got = kind == VIREO_READ_BY_OFFSET
+                            ? vireo_file_read_by_offset(path, 0, rec->buf.data(), len, &rec->count)
+                            : vireo_file_read(path, rec->buf.data(), len, &rec->count);
+    if (got != 0) {
+        rec->count = 0;
+        say(site, words.read_failed);
+        return VIREO_RECORD_FAILED;
+    }
+    return VIREO_RECORD_OK;
+}
+
 vireo_record_result vireo_record_read(const vireo_trace_site &site, const char *path, int32_t size,
                                       vireo_read_kind kind, const vireo_record_words &words,
                                       vireo_record *rec)
@@ -36,20 +60,17 @@ vireo_record_result vireo_record_read(const vireo_trace_site &site, const char *
         say(site, words.alloc_failed);
         return VIREO_RECORD_NO_MEMORY;
     }
-    try {
-        rec->buf.assign(static_cast<size_t>(size), 0xFF);
-    } catch (...) {
-        say(site, words.alloc_failed);
-        return VIREO_RECORD_NO_MEMORY;
-    }
-    const int32_t got =
-        kind == VIREO_READ_FROM_START
-            ? vireo_file_read(path, rec->buf.data(), size, &rec->count)
-            : vireo_file_read_by_offset(path, 0, rec->buf.data(), size, &rec->count);
-    if (got != 0) {
-        rec->count = 0;
-        say(site, words.read_failed);
-        return VIREO_RECORD_FAILED;
+    const bool header_first = kind == VIREO_READ_CONTENT && size > PTN_HEADER_SIZE;
+    vireo_record_result r =
+        read_into(site, path, header_first ? PTN_HEADER_SIZE : size, kind, words, rec);
+    if (r != VIREO_RECORD_OK)
+        return r;
+    if (header_first) {
+        const uint32_t extent =
+            rec->count == PTN_HEADER_SIZE ? vireo_ptn_header_extent(rec->buf.data(), size) : 0;
+        r = read_into(site, path, extent ? static_cast<int32_t>(extent) : size, kind, words, rec);
+        if (r != VIREO_RECORD_OK)
+            return r;
     }
     if (vireo_record_locate(site, rec->buf.data(), static_cast<int32_t>(rec->count), words,
                             &rec->offset, &rec->length) != 0)

@@ -21,7 +21,8 @@ struct vireo_record_words {
 
 // A partition as read: the bytes, how many were read, and where the content lies.
 struct vireo_record {
-    std::vector<uint8_t> buf; // size bytes; what was not read stays 0xFF
+    std::vector<uint8_t> buf; // size bytes (header and content only when read so); what was
+                              // not read stays 0xFF
     uint32_t count = 0;
     int32_t offset = 0;
     int32_t length = 0;
@@ -34,6 +35,10 @@ struct vireo_record {
 enum vireo_read_kind {
     VIREO_READ_FROM_START, // vireo_file_read: quiet, reads what the device holds
     VIREO_READ_BY_OFFSET,  // vireo_file_read_by_offset at 0: traces its own failures
+    // As from the start, but a valid header is read first and then only the bytes it
+    // accounts for: a large partition holding a small record is not read whole. Whatever
+    // the header says otherwise, the partition is read whole and judged as from the start.
+    VIREO_READ_CONTENT,
 };
 
 enum vireo_record_result {

@@ -3,6 +3,7 @@
 #include "ptn/vireo_extra_para.h"
 #include "ptn/vireo_ptn_device_info.h"
 #include "ptn/vireo_ptn_firmware_info.h"
+#include "ptn/vireo_ptn_record.h"
 #include "ptn/vireo_ptn_support_list.h"
 
 #include "raw_device.h"
@@ -10,6 +11,8 @@
 
 #include <gtest/gtest.h>
 #include <memory>
+#include <regex>
+#include <unistd.h>
 
 namespace
 {
@@ -134,5 +137,75 @@ TEST(ExtraPara, FlagDocumentsAndTheirMembers)
         EXPECT_FALSE(extra_of(f.json, &out)) << f.json;
         EXPECT_EQ(!f.trace, out.find("ptn json") == std::string::npos) << f.json;
         EXPECT_TRUE(!f.trace || has_trace(out, f.trace)) << f.json;
+    }
+}
+
+// A record read header first gives what a whole read gives: the same verdict, content and
+// traces, whatever the partition holds. Only a valid header that fits spares the rest.
+TEST(Records, ReadingTheHeaderFirstJudgesAsReadingWhole)
+{
+    const std::string doc = R"({"model": "VR100"})";
+    const std::string good = with_content_header(doc);
+    const uint32_t n = static_cast<uint32_t>(good.size());
+    std::string bad_magic = good;
+    bad_magic[0] = '\0';
+    std::string too_long = good;
+    too_long[9] = '\x7f'; // a length of several MiB
+    struct {
+        const char *what;
+        std::string bytes; // the device's content (none: no device)
+        int32_t size;      // the partition's size
+        uint32_t read;     // bytes the header-first read holds at the end
+    } cases[] = {
+        {"a small record in a large partition", good + std::string(200000, '\xff'), 200016, n},
+        {"a record that fills its partition", good, static_cast<int32_t>(n), n},
+        {"bad magic", bad_magic + std::string(5000, 'x'), 5016, 5016},
+        {"a length past the partition", too_long + std::string(5000, 'x'), 5016, 5016},
+        {"a device shorter than its content", good.substr(0, 20), 4096, 20},
+        {"a device shorter than a header", good.substr(0, 9), 4096, 9},
+        {"no device", "", 4096, 0},
+    };
+    const vireo_trace_site site{"records_test", "read_record", 1};
+    temp_dir dir;
+    for (const auto &c : cases) {
+        const std::string path = dir.join("dev");
+        unlink(path.c_str());
+        if (!c.bytes.empty())
+            write_file(path, c.bytes);
+        vireo_record_words words;
+        words.alloc_failed = "alloc failed.\n";
+        words.read_failed = "read failed.\n";
+        words.invalid = "invalid.\n";
+        words.no_content = "no content.\n";
+        words.data_pos = true;
+        vireo_record whole, content;
+        std::string whole_out, content_out;
+        const auto r_whole = quietly(
+            [&] {
+                return vireo_record_read(site, path.c_str(), c.size, VIREO_READ_FROM_START, words,
+                                         &whole);
+            },
+            &whole_out);
+        const auto r_content = quietly(
+            [&] {
+                return vireo_record_read(site, path.c_str(), c.size, VIREO_READ_CONTENT, words,
+                                         &content);
+            },
+            &content_out);
+        EXPECT_EQ(r_whole, r_content) << c.what;
+        // The buffers' addresses differ.
+        const std::regex address("0x[0-9a-fx]+");
+        EXPECT_EQ(trace_messages(std::regex_replace(whole_out, address, "ADDRESS")),
+                  trace_messages(std::regex_replace(content_out, address, "ADDRESS")))
+            << c.what;
+        EXPECT_EQ(c.read, content.count) << c.what;
+        if (r_whole == VIREO_RECORD_OK) {
+            EXPECT_EQ(whole.offset, content.offset) << c.what;
+            EXPECT_EQ(whole.length, content.length) << c.what;
+            EXPECT_EQ(std::string(whole.text(), whole.length),
+                      std::string(content.text(), content.length))
+                << c.what;
+            EXPECT_EQ(doc, std::string(content.text(), content.length)) << c.what;
+        }
     }
 }
