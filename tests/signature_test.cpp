@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <random>
 #include <openssl/pem.h>
 #include <unistd.h>
 
@@ -367,6 +368,30 @@ TEST(PrehashLane, AFileShorterOrLongerThanItsSizeOrUnreadable)
     fd_guard unreadable(open(dir.path.c_str(), O_RDONLY | O_DIRECTORY));
     const lane_run failed = take_all(nullptr, unreadable.fd, 4096);
     EXPECT_EQ(std::vector<int64_t>{-1}, failed.results);
+}
+
+TEST(PrehashLane, KeepsEveryByteWhicheverSideIsFaster)
+{
+    // A taker that sometimes dawdles and sometimes races the lane makes both sides sleep and
+    // wake at every point of the ring; a lost wake-up hangs here, a reused chunk corrupts.
+    std::mt19937 rng(7);
+    for (int round = 0; round < 40; round++) {
+        const bytes data = random_bytes(rng() % (VIREO_LANE_SLOTS * VIREO_LANE_CHUNK * 3));
+        vireo_prehash_lane lane;
+        ASSERT_EQ(0, vireo_prehash_lane_start(&lane, data.data(), -1, data.size()));
+        bytes seen;
+        const uint8_t *chunk = nullptr;
+        const unsigned pause = rng() % 3; // 0: never, else now and then
+        for (int64_t n; (n = vireo_prehash_lane_next(&lane, &chunk)) > 0;) {
+            if (pause && rng() % (2 * pause) == 0)
+                usleep(rng() % 200);
+            seen.insert(seen.end(), chunk, chunk + n);
+        }
+        bytes prehash(64);
+        vireo_prehash_lane_finish(&lane, prehash.data());
+        ASSERT_EQ(data, seen) << round;
+        ASSERT_EQ(masked_prehash(data), prehash) << round;
+    }
 }
 
 TEST(PrehashLane, StopsWhenTheTakerStopsEarly)
