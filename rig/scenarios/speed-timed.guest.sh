@@ -14,6 +14,10 @@ now()
     cut -d' ' -f1 /proc/uptime | tr -d .
 }
 
+# -U seals the file under a key from the kernel's random generator, which on a router that has
+# just booted may still be gathering entropy (about a second under the emulator, before -C
+# needs none). A router that upgrades has long been up: the wait is not the upgrade's.
+head -c 1 /dev/random >/dev/null
 if [ "$MODE" = ubi ]; then
     run_tool check -C -w ubi -p 0 -u /tmp/up.bin
 else
