@@ -54,6 +54,20 @@ raw_layout_field()
     printf '%s\n' "$@" | awk -v n="$name" -v f="$field" '$1 == n { print $f }'
 }
 
+# raw_erase_parts IMAGE LAYOUT PART...: the named partitions, where the layout array named
+# LAYOUT places them, erased (0xFF) in IMAGE.
+raw_erase_parts()
+{
+    local img=$1 part
+    local -n parts_layout=$2
+    shift 2
+    for part in "$@"; do
+        rig_blank "$img.ff" "$(raw_layout_field "$part" 3 "${parts_layout[@]}")"
+        rig_put "$img" "$(raw_layout_field "$part" 2 "${parts_layout[@]}")" "$img.ff"
+    done
+    rm -f "$img.ff"
+}
+
 # raw_factory DIR: DIR/factory.img, the flash as the factory writes it, and the files it
 # was made from.
 raw_factory()
@@ -134,14 +148,8 @@ raw_expected()
     rig_put "$exp" 0x100000 "$dir/old-log.bin"
     rig_put "$exp" 0x640000 "$dir/old-user-config.bin"
     rig_put "$exp" 0x660000 "$dir/old-FIP.bin"
-    local part base size
     # Erases of the running system's partitions.
-    for part in "${raw_erased_by_name[@]}"; do
-        base=$(raw_layout_field "$part" 2 "${raw_old_layout[@]}")
-        size=$(raw_layout_field "$part" 3 "${raw_old_layout[@]}")
-        rig_blank "$dir/ff" "$size"
-        rig_put "$exp" "$base" "$dir/ff"
-    done
+    raw_erase_parts "$exp" raw_old_layout "${raw_erased_by_name[@]}"
     rig_record "$dir/ptn-new.rec" <"$dir/ptn-new.json"
     rig_record "$dir/fwinfo-new.rec" <"$dir/fwinfo-new.json"
     rig_record "$dir/support-vr100.rec" <"$dir/support-vr100.json"
@@ -151,6 +159,5 @@ raw_expected()
     rig_get "$dir/factory.img" 0x0A0000 0x020000 "$dir/extra-para.exp"
     rig_flag_overlay "$dir/extra-para.exp" on 0 0
     rig_put "$exp" 0x0A0000 "$dir/extra-para.exp"
-    rm -f "$dir/ff"
     printf '%s\n' "${raw_new_layout[@]}" >"$dir/new.list"
 }

@@ -78,13 +78,7 @@ JSON
     for part in data log cfg; do
         rig_put "$exp" "$(raw_layout_field "$part" 2 "${large_new_layout[@]}")" "$dir/old-$part.bin"
     done
-    local base size
-    for part in partition-table firmware-info support-list kernel; do
-        base=$(raw_layout_field "$part" 2 "${large_old_layout[@]}")
-        size=$(raw_layout_field "$part" 3 "${large_old_layout[@]}")
-        rig_blank "$dir/ff" "$size"
-        rig_put "$exp" "$base" "$dir/ff"
-    done
+    raw_erase_parts "$exp" large_old_layout partition-table firmware-info support-list kernel
     rig_record "$dir/ptn-new.rec" <"$dir/ptn-new.json"
     rig_record "$dir/fwinfo-new.rec" <"$dir/fwinfo-new.json"
     rig_record "$dir/support.rec" <"$dir/support.json"
@@ -93,7 +87,7 @@ JSON
     rig_get "$img" 0x040000 0x020000 "$dir/extra-para.exp"
     rig_flag_overlay "$dir/extra-para.exp" on 0 0
     rig_put "$exp" 0x040000 "$dir/extra-para.exp"
-    rm -f "$dir"/old-*.bin "$dir/ff"
+    rm -f "$dir"/old-*.bin
 }
 
 scenario_large_move()
