@@ -15,8 +15,8 @@
 
 #define VIREO_LANE_CHUNK (32 * 1024)
 #define VIREO_LANE_SLOTS 8
-// A side that has caught up sleeps until this many chunks can be taken (or given) at once:
-// each wake-up costs the waker a system call, a thousand of them a pass were a tenth of it.
+// The lane, once the ring is full, sleeps until this many slots are free again: each wake-up
+// costs the waker a system call, and one for every chunk had cost a tenth of a check.
 #define VIREO_LANE_BATCH (VIREO_LANE_SLOTS / 2)
 
 struct vireo_prehash_lane {
