@@ -25,7 +25,7 @@ namespace
 
 const char kPlanMagic[8] = {'V', 'I', 'R', 'E', 'O', 'J', 'N', 'L'};
 const char kRecordMagic[8] = {'V', 'J', 'R', 'E', 'C', 'O', 'R', 'D'};
-const uint32_t kVersion = 1;
+const uint32_t kVersion = 2; // 1: every move's copy in the staged stream
 // The check values are SipHash-2-4 under this fixed key: a checksum, not a seal.
 const uint64_t kCheckKey[2] = {0x766972656f6a6e6cULL, 0x6c61796f75742d31ULL};
 const uint32_t kChunk = 64 << 10;     // bytes read or written at a time
@@ -39,11 +39,17 @@ struct extent {
     uint32_t len;
 };
 
+// Where a move's copy lies from the plan on: staged, or left where no write of the layout
+// change reaches it, at its old place, or made at its new place when that is free flash
+// no other move touches (the move then finds its bytes there already).
+enum copy_place : uint32_t { COPY_STAGED = 0, COPY_OLD_PLACE = 1, COPY_NEW_PLACE = 2 };
+
 struct move_plan {
     char name[kNameLen];
     uint32_t old_base, old_size, new_base, new_size, len;
+    uint32_t copy;   // a copy_place
     uint64_t staged; // offset in the staged stream
-    uint64_t check;  // of the staged copy
+    uint64_t check;  // of the copy
 };
 
 struct plan {
@@ -157,7 +163,7 @@ std::vector<uint8_t> encode(const plan &p)
     put32(out, static_cast<uint32_t>(p.moves.size()));
     for (const move_plan &m : p.moves) {
         out.insert(out.end(), m.name, m.name + kNameLen);
-        for (uint32_t v : {m.old_base, m.old_size, m.new_base, m.new_size, m.len})
+        for (uint32_t v : {m.old_base, m.old_size, m.new_base, m.new_size, m.len, m.copy})
             put32(out, v);
         put64(out, m.staged);
         put64(out, m.check);
@@ -171,7 +177,10 @@ std::vector<uint8_t> encode(const plan &p)
 
 bool decode(const uint8_t *data, size_t size, plan *p)
 {
-    if (size < 24 || memcmp(data, kPlanMagic, 8) != 0 || vireo_get_be32(data + 8) != kVersion)
+    if (size < 24 || memcmp(data, kPlanMagic, 8) != 0)
+        return false;
+    const uint32_t version = vireo_get_be32(data + 8);
+    if (version != 1 && version != kVersion)
         return false;
     const uint32_t total = vireo_get_be32(data + 12);
     if (total < 24 || total > size ||
@@ -204,6 +213,7 @@ bool decode(const uint8_t *data, size_t size, plan *p)
         m.new_base = r.u32();
         m.new_size = r.u32();
         m.len = r.u32();
+        m.copy = version == 1 ? COPY_STAGED : r.u32();
         m.staged = r.u64();
         m.check = r.u64();
         p->moves.push_back(m);
@@ -281,9 +291,17 @@ struct flash_dev {
     }
 };
 
-// The staged stream: offset pos of it in the flash.
-bool staged_at(const plan &p, uint64_t pos, uint32_t *at, uint32_t *run)
+// Where byte pos of move m's copy lies in the flash, and how many bytes of it follow there.
+bool copy_at(const plan &p, const move_plan &m, uint64_t pos, uint32_t *at, uint32_t *run)
 {
+    if (m.copy != COPY_STAGED) {
+        if (pos >= m.len)
+            return false;
+        *at = static_cast<uint32_t>((m.copy == COPY_OLD_PLACE ? m.old_base : m.new_base) + pos);
+        *run = static_cast<uint32_t>(m.len - pos);
+        return true;
+    }
+    pos += m.staged;
     for (const extent &e : p.staging) {
         if (pos < e.len) {
             *at = static_cast<uint32_t>(e.base + pos);
@@ -295,12 +313,13 @@ bool staged_at(const plan &p, uint64_t pos, uint32_t *at, uint32_t *run)
     return false;
 }
 
-// Reads len bytes of the staged stream at pos, in as many pieces as its blocks make.
-bool read_staged(const flash_dev &f, const plan &p, uint64_t pos, uint8_t *buf, uint32_t len)
+// Reads len bytes of move m's copy at pos, in as many pieces as its blocks make.
+bool read_copy(const flash_dev &f, const plan &p, const move_plan &m, uint64_t pos, uint8_t *buf,
+               uint32_t len)
 {
     for (uint32_t done = 0; done < len;) {
         uint32_t at = 0, run = 0;
-        if (!staged_at(p, pos + done, &at, &run))
+        if (!copy_at(p, m, pos + done, &at, &run))
             return false;
         const uint32_t n = std::min(run, len - done);
         if (!f.read(at, buf + done, n))
@@ -310,14 +329,14 @@ bool read_staged(const flash_dev &f, const plan &p, uint64_t pos, uint8_t *buf, 
     return true;
 }
 
-// The check of a move's staged copy as the flash holds it now.
-bool staged_check(const flash_dev &f, const plan &p, const move_plan &m, uint64_t *check)
+// The check of a move's copy as the flash holds it now.
+bool copy_check(const flash_dev &f, const plan &p, const move_plan &m, uint64_t *check)
 {
     std::vector<uint8_t> buf(kChunk);
     chunked_check c;
     for (uint32_t done = 0; done < m.len; done += kChunk) {
         const uint32_t n = std::min(kChunk, m.len - done);
-        if (!read_staged(f, p, m.staged + done, buf.data(), n))
+        if (!read_copy(f, p, m, done, buf.data(), n))
             return false;
         c.add(buf.data(), n);
     }
@@ -451,6 +470,67 @@ std::vector<extent> journal_room(const flash_dev &f, const ptn_table *old_table,
     return room;
 }
 
+// A stretch of flash, [lo, hi).
+struct span {
+    uint64_t lo, hi;
+    bool meets(const span &o) const
+    {
+        return lo < o.hi && o.lo < hi;
+    }
+};
+
+// The erase blocks a move may rewrite: its new place from the block its first byte is in to
+// the block its last unit ends in (a block that is not erased is rewritten whole).
+span reach_of(const move_plan &m, const vireo_flash_geometry &geo)
+{
+    const uint64_t unit = std::max<uint64_t>(MTD_WRITE_BLOCK_SIZE, geo.page_size);
+    const uint64_t end = m.new_base + (uint64_t{m.len} + unit - 1) / unit * unit;
+    const uint64_t erase = geo.erase_size;
+    return {m.new_base / erase * erase, (end + erase - 1) / erase * erase};
+}
+
+// Whether the blocks of s are inside the flash, good, and read 0xFF.
+bool erased_blocks(const flash_dev &f, const span &s)
+{
+    if (s.hi > static_cast<uint64_t>(f.size))
+        return false;
+    std::vector<uint8_t> block(f.geo.erase_size);
+    for (uint64_t at = s.lo; at < s.hi; at += f.geo.erase_size)
+        if (f.bad(static_cast<uint32_t>(at)) || !f.read(at, block.data(), block.size()) ||
+            !vireo_all_erased(block.data(), static_cast<int64_t>(block.size())))
+            return false;
+    return true;
+}
+
+// Where each move's copy goes. A source that no move writes over stays the copy. Otherwise
+// the copy is made at the new place when that is erased flash outside every old partition
+// and clear of every other move's reach and of every source: until the new table is written
+// the old layout keeps nothing there. Else it is staged.
+void choose_copies(const flash_dev &f, const ptn_table *old_table, plan *p)
+{
+    std::vector<span> reach, source;
+    for (const move_plan &m : p->moves) {
+        reach.push_back(reach_of(m, f.geo));
+        source.push_back({m.old_base, uint64_t{m.old_base} + m.len});
+    }
+    for (size_t i = 0; i < p->moves.size(); i++) {
+        const auto meets = [&](const span &s) { return s.meets(source[i]); };
+        if (std::none_of(reach.begin(), reach.end(), meets)) {
+            p->moves[i].copy = COPY_OLD_PLACE;
+            continue;
+        }
+        bool clear = std::none_of(source.begin(), source.end(),
+                                  [&](const span &s) { return s.meets(reach[i]); });
+        for (size_t k = 0; k < reach.size() && clear; k++)
+            clear = k == i || !reach[k].meets(reach[i]);
+        for (uint32_t j = 0; j < old_table->ptn_cnt && clear; j++) {
+            const ptn_info &o = old_table->ptns[j];
+            clear = !span{o.base, uint64_t{o.base} + o.size}.meets(reach[i]);
+        }
+        p->moves[i].copy = clear && erased_blocks(f, reach[i]) ? COPY_NEW_PLACE : COPY_STAGED;
+    }
+}
+
 // The image's "partition-table" content, which the plan keeps to write it again.
 bool table_content(const up_ptn_table *up_table, const vireo_payload &payload,
                    std::vector<uint8_t> *out)
@@ -514,11 +594,17 @@ bool place(plan *p, const std::vector<extent> &room, size_t free_count, uint64_t
 // The staging and the plan; false at the first flash failure.
 bool stage_and_plan(const flash_dev &f, plan *p)
 {
+    // Free flash was found reading 0xFF: only carried room needs an erase before use.
+    const auto erase_carried = [&f, p](const extent &e) {
+        return std::any_of(p->erase_after.begin(), p->erase_after.end(),
+                           [&e](const extent &a) { return a.base == e.base; }) ||
+               f.erase(e);
+    };
     for (const extent &e : p->staging)
-        if (!f.erase(e))
+        if (!erase_carried(e))
             return false;
     for (uint32_t b = 0; b < p->plan_blocks + p->record_blocks; b++)
-        if (!f.erase({p->home + b * p->erase, p->erase}))
+        if (!erase_carried({p->home + b * p->erase, p->erase}))
             return false;
     std::vector<uint8_t> buf(kChunk);
     for (move_plan &m : p->moves) {
@@ -528,9 +614,9 @@ bool stage_and_plan(const flash_dev &f, plan *p)
             if (!f.read(uint64_t{m.old_base} + done, buf.data(), n))
                 return false;
             c.add(buf.data(), n);
-            for (uint32_t put = 0; put < n;) {
+            for (uint32_t put = 0; put < n && m.copy != COPY_OLD_PLACE;) {
                 uint32_t at = 0, run = 0;
-                if (!staged_at(*p, m.staged + done + put, &at, &run))
+                if (!copy_at(*p, m, done + put, &at, &run))
                     return false;
                 const uint32_t piece = std::min(run, n - put);
                 if (!f.program(at, buf.data() + put, piece))
@@ -540,7 +626,7 @@ bool stage_and_plan(const flash_dev &f, plan *p)
         }
         m.check = c.value();
         uint64_t again = 0;
-        if (!staged_check(f, *p, m, &again) || again != m.check)
+        if (m.copy != COPY_OLD_PLACE && (!copy_check(f, *p, m, &again) || again != m.check))
             return false;
     }
     std::vector<uint8_t> bytes = encode(*p);
@@ -549,8 +635,8 @@ bool stage_and_plan(const flash_dev &f, plan *p)
     return f.program(p->home, bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
-// Stages the old content of every move, checks it, then writes the plan: the journal is
-// pending from the plan's last byte on. False on a flash failure (traced).
+// Stages the old content of every move that needs it, checks every copy, then writes the plan: the
+// journal is pending from the plan's last byte on. False on a flash failure (traced).
 bool stage(const flash_dev &f, plan *p)
 {
     if (stage_and_plan(f, p))
@@ -586,8 +672,8 @@ bool plan_fits(const flash_dev &f, const plan &p, uint64_t at)
         return false;
     return std::all_of(p.moves.begin(), p.moves.end(), [&](const move_plan &m) {
         return inside(m.old_base, m.old_size) && inside(m.new_base, m.new_size) &&
-               m.len <= m.old_size && m.len <= m.new_size && m.staged <= staged &&
-               m.len <= staged - m.staged;
+               m.len <= m.old_size && m.len <= m.new_size && m.copy <= COPY_NEW_PLACE &&
+               (m.copy != COPY_STAGED || (m.staged <= staged && m.len <= staged - m.staged));
     });
 }
 
@@ -665,7 +751,7 @@ int32_t finish_moves(const flash_dev &f, const plan &p, const ptn_table *old_tab
     };
     hooks.bytes = [&](uint32_t index, uint32_t at, uint32_t n) -> const uint8_t * {
         const move_plan *m = move_of(index);
-        return m && read_staged(f, p, m->staged + at, chunk.data(), n) ? chunk.data() : nullptr;
+        return m && read_copy(f, p, *m, at, chunk.data(), n) ? chunk.data() : nullptr;
     };
     hooks.moved = [&](uint32_t index) {
         const move_plan *m = move_of(index);
@@ -715,7 +801,6 @@ int32_t vireo_journal_moves(const ptn_table *old_table, const ptn_table *new_tab
     const std::vector<vireo_ptn_move> list = vireo_firmware_ptn_moves(old_table, new_table);
     flash_dev f;
     plan p;
-    uint64_t staged = 0;
     for (const vireo_ptn_move &m : list) {
         move_plan mp{};
         snprintf(mp.name, sizeof(mp.name), "%s", m.to->name);
@@ -724,8 +809,6 @@ int32_t vireo_journal_moves(const ptn_table *old_table, const ptn_table *new_tab
         mp.new_base = m.to->base;
         mp.new_size = m.to->size;
         mp.len = m.len;
-        mp.staged = staged;
-        staged += m.len;
         p.moves.push_back(mp);
     }
     const char *why = nullptr;
@@ -734,6 +817,13 @@ int32_t vireo_journal_moves(const ptn_table *old_table, const ptn_table *new_tab
     else if (!table_content(up_table, payload, &p.table))
         why = "the image's partition table cannot be kept";
     if (!list.empty() && !why) {
+        choose_copies(f, old_table, &p);
+        uint64_t staged = 0;
+        for (move_plan &m : p.moves)
+            if (m.copy == COPY_STAGED) {
+                m.staged = staged;
+                staged += m.len;
+            }
         p.erase = f.geo.erase_size;
         p.unit = std::max<uint32_t>(MTD_WRITE_BLOCK_SIZE, f.geo.page_size);
         size_t free_count = 0;
@@ -763,7 +853,7 @@ int32_t vireo_journal_moves(const ptn_table *old_table, const ptn_table *new_tab
     hooks.bytes = [&](uint32_t index, uint32_t at, uint32_t n) -> const uint8_t * {
         for (const move_plan &m : p.moves)
             if (strcmp(m.name, new_table->ptns[index].name) == 0)
-                return read_staged(f, p, m.staged + at, chunk.data(), n) ? chunk.data() : nullptr;
+                return read_copy(f, p, m, at, chunk.data(), n) ? chunk.data() : nullptr;
         return nullptr;
     };
     hooks.moved = [&](uint32_t index) {
@@ -798,11 +888,11 @@ int32_t vireo_journal_resume()
                 p.home);
     for (const move_plan &m : p.moves) {
         uint64_t check = 0;
-        if (!staged_check(f, p, m, &check) || check != m.check) {
+        if (!copy_check(f, p, m, &check) || check != m.check) {
             uint32_t free_slot = 0;
             if (read_records(f, p, &free_slot)[static_cast<size_t>(&m - p.moves.data())])
-                continue; // moved already: its staged copy is no longer needed
-            VIREO_TRACE("the staged copy of PTN[%s] is damaged: the layout change cannot be "
+                continue; // moved already: its copy is no longer needed
+            VIREO_TRACE("the copy of PTN[%s] is damaged: the layout change cannot be "
                         "finished.\n",
                         m.name);
             return -1;

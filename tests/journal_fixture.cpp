@@ -29,7 +29,7 @@ uint64_t plan_check(const uint8_t *data, size_t len)
 
 std::string plan_bytes(const plan_fields &f, uint32_t home)
 {
-    std::string out = "VIREOJNL" + be32(1) + be32(0);
+    std::string out = "VIREOJNL" + be32(f.version) + be32(0);
     for (uint32_t v : {f.erase, f.unit, home, f.plan_blocks, f.record_blocks})
         out += be32(v);
     out += be32(1) + be32(f.staged_base) + be32(f.staged_len);
@@ -39,6 +39,8 @@ std::string plan_bytes(const plan_fields &f, uint32_t home)
     out += be32(1) + name;
     for (uint32_t v : {0xB0000u, 0x10000u, 0xC0000u, 0x10000u, f.move_len})
         out += be32(v);
+    if (f.version > 1)
+        out += be32(f.copy);
     out += be64(f.move_staged) + be64(0);
     out += be32(0); // no table
     out.replace(12, 4, be32(static_cast<uint32_t>(out.size() + 8)));

@@ -8,8 +8,11 @@
 
 // 64 KiB blocks, slots of 2 KiB, one plan block, one record block, one staged block, nothing
 // to erase after unless after_len, and one move of "cfg" (0xB0000 to 0xC0000, 64 KiB each)
-// from the staged stream at move_staged, its staged copy's check 0.
+// with its copy in the staged stream at move_staged (copy 0; 1 at its old place, 2 at its
+// new one), its check 0. Version 1 plans have no copy field: every copy is staged.
 struct plan_fields {
+    uint32_t version = 2;
+    uint32_t copy = 0;
     uint32_t erase = 0x10000, unit = 0x800, plan_blocks = 1, record_blocks = 1;
     uint32_t staged_base = 0xF0000, staged_len = 0x10000;
     uint32_t after_base = 0, after_len = 0;

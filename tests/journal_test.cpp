@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 #include <sys/stat.h>
 
 namespace
@@ -32,6 +33,25 @@ size_t operations(const upgrade_road &road)
     run_road(road, {"VIREO_CUT_AT=0", "VIREO_CUT_LOG=" + log});
     const std::string ops = read_file(log);
     return static_cast<size_t>(std::count(ops.begin(), ops.end(), '\n'));
+}
+
+// Runs road with env, and lists the 64 KiB blocks of the whole flash that were erased, in
+// order of place, a block once per erase.
+run_result run_logging_erases(const upgrade_road &road, std::vector<std::string> env,
+                              std::vector<uint64_t> *erased)
+{
+    const std::string log = road.device->join("erase.log");
+    env.push_back("VIREO_ERASE_LOG=" + log);
+    const run_result r = run_road(road, env);
+    std::istringstream lines(read_file(log));
+    std::string path;
+    uint64_t base = 0, len = 0;
+    while (lines >> path >> base >> len)
+        if (path == road.device->at("/dev/mtd0"))
+            for (uint64_t at = base; at < base + len; at += 0x10000)
+                erased->push_back(at);
+    std::sort(erased->begin(), erased->end());
+    return r;
 }
 
 class Journal : public ::testing::Test
@@ -76,38 +96,68 @@ TEST_F(Journal, ARetryWithAnotherFileFinishesTheCutLayoutChangeFirst)
     EXPECT_GT(resumed, 0u) << "no cut fell inside the layout change";
 }
 
-TEST_F(Journal, ADamagedStagedCopyStopsTheRetryBeforeItWrites)
+TEST_F(Journal, ADamagedCopyStopsTheRetryBeforeItWrites)
 {
     // The first cut after which the plan stands whole (magic at a block's start, its last
     // bytes programmed): no move has been made yet.
     const size_t total = operations(make_upgrade_road("raw-moves"));
-    std::unique_ptr<upgrade_road> road;
-    std::string flash;
-    size_t plan = std::string::npos;
+    size_t cut = 0, plan = std::string::npos;
     for (size_t n = 1; n <= total && plan == std::string::npos; n++) {
-        road = std::make_unique<upgrade_road>(make_upgrade_road("raw-moves"));
-        run_road(*road, {"VIREO_CUT_AT=" + std::to_string(n), "VIREO_CUT_MODE=after"});
-        flash = road->device->bytes("/dev/mtd0");
+        upgrade_road road = make_upgrade_road("raw-moves");
+        run_road(road, {"VIREO_CUT_AT=" + std::to_string(n), "VIREO_CUT_MODE=after"});
+        const std::string flash = road.device->bytes("/dev/mtd0");
         for (size_t at = 0; at + 48 <= flash.size(); at += 0x10000) {
             if (flash.compare(at, 8, "VIREOJNL") != 0)
                 continue;
             const uint32_t len = vireo_get_be32(reinterpret_cast<const uint8_t *>(&flash[at + 12]));
             if (at + len <= flash.size() && flash.substr(at + len - 8, 8) != std::string(8, '\xff'))
-                plan = at;
+                plan = at, cut = n;
         }
     }
     ASSERT_NE(std::string::npos, plan) << "no cut left a whole plan";
-    // One byte of the first staged copy ("log", first in the new table) turned.
-    const uint32_t staged = vireo_get_be32(reinterpret_cast<const uint8_t *>(&flash[plan + 40]));
-    flash[staged] = static_cast<char>(~flash[staged]);
-    write_file(road->device->at("/dev/mtd0"), flash);
-    const auto before = road->device->devices();
-    const run_result r = run_road(*road);
-    EXPECT_EQ(255, r.status) << r.out;
-    EXPECT_TRUE(has_trace(r.out, "the staged copy of PTN[log] is damaged: the layout change "
-                                 "cannot be finished."))
-        << r.out;
-    EXPECT_TRUE(before == road->device->devices()) << "nothing written";
+    // "log" moves first, from a place no move writes: its old place is its copy. "data" goes
+    // where "log" lands: staged (the plan's first staging block). "cfg" goes to free flash:
+    // its copy is made there.
+    struct row {
+        const char *name;
+        size_t at; // 0: the first staged block
+    };
+    for (const row &w : {row{"log", 0xA0000}, row{"data", 0}, row{"cfg", 0xC0000}}) {
+        upgrade_road road = make_upgrade_road("raw-moves");
+        run_road(road, {"VIREO_CUT_AT=" + std::to_string(cut), "VIREO_CUT_MODE=after"});
+        std::string flash = road.device->bytes("/dev/mtd0");
+        const size_t at =
+            w.at ? w.at : vireo_get_be32(reinterpret_cast<const uint8_t *>(&flash[plan + 40]));
+        ASSERT_LT(at, flash.size()) << w.name;
+        flash[at] = static_cast<char>(~flash[at]);
+        write_file(road.device->at("/dev/mtd0"), flash);
+        const auto before = road.device->devices();
+        const run_result r = run_road(road);
+        EXPECT_EQ(255, r.status) << w.name << r.out;
+        EXPECT_TRUE(has_trace(r.out, std::string("the copy of PTN[") + w.name +
+                                         "] is damaged: the layout change cannot be finished."))
+            << w.name << r.out;
+        EXPECT_TRUE(before == road.device->devices()) << w.name << ": nothing written";
+    }
+}
+
+TEST_F(Journal, OnlyACopyThatAMoveWouldOverwriteIsStaged)
+{
+    // Of the three moves of "raw-moves" one is staged, in the old place of "support-list",
+    // which the content writes erase anyway. "log" is read from where it was; "cfg" is
+    // written once, at its new place in free flash, and its move finds the bytes there.
+    // What the whole flash sees erased: that staged block, the new places of "log" and
+    // "data", which held bytes, and the plan's and its records' blocks in free flash once
+    // done (they read 0xFF before: no erase).
+    upgrade_road road = make_upgrade_road("raw-moves");
+    std::vector<uint64_t> erased;
+    const run_result r = run_logging_erases(road, {}, &erased);
+    ASSERT_EQ(0, r.status) << r.out;
+    EXPECT_FALSE(has_trace_starting(r.out, "layout change is not protected")) << r.out;
+    EXPECT_EQ((std::vector<uint64_t>{0x30000, 0x90000, 0xB0000, 0xE0000, 0xF0000}), erased);
+    EXPECT_EQ(std::string(0x20000, '\xff'), road.device->bytes("/dev/mtd0").substr(0xE0000))
+        << "the free flash is left as it was";
+    EXPECT_TRUE(pattern(0x10000, 25) == road.device->bytes("/dev/mtd0").substr(0xC0000, 0x10000));
 }
 
 TEST_F(Journal, APlanThatDoesNotFitTheFlashIsLeftAlone)
@@ -119,7 +169,7 @@ TEST_F(Journal, APlanThatDoesNotFitTheFlashIsLeftAlone)
         plan_fields f;
         bool fits;
     };
-    std::vector<row> rows(8, {"", plan_fields{}, false});
+    std::vector<row> rows(11, {"", plan_fields{}, false});
     rows[0] = {"fits", {}, true};
     rows[1].what = "another erase block size";
     rows[1].f.erase = 0x20000;
@@ -137,6 +187,13 @@ TEST_F(Journal, APlanThatDoesNotFitTheFlashIsLeftAlone)
     rows[6].f.record_blocks = 100;
     rows[7].what = "a staged block not on a block boundary";
     rows[7].f.staged_base = 0xF0800;
+    rows[8] = {"a copy at its old place, outside the staged stream", {}, true};
+    rows[8].f.copy = 1;
+    rows[8].f.move_staged = 0x8000;
+    rows[9].what = "a copy in a place of no known kind";
+    rows[9].f.copy = 3;
+    rows[10] = {"a plan of version 1, every copy staged", {}, true};
+    rows[10].f.version = 1;
     for (const row &r : rows) {
         upgrade_road road = make_upgrade_road("raw-moves");
         std::string flash = road.device->bytes("/dev/mtd0");
@@ -156,12 +213,16 @@ TEST_F(Journal, APlanThatDoesNotFitTheFlashIsLeftAlone)
 TEST_F(Journal, ABadBlockIsNeverRoomForIt)
 {
     // The first block of the free flash behind "raw-moves" is bad: it refuses an erase. The
-    // room left is too small, and the moves go as before, said so.
+    // plan and its records need two blocks in a row, so the journal goes to the old places
+    // of what the image carries, and the free flash is left alone.
     upgrade_road road = make_upgrade_road("raw-moves");
-    const run_result r =
-        run_road(road, {"VIREO_BAD_BLOCKS=" + road.device->at("/dev/mtd0") + "@0xe0000"});
+    std::vector<uint64_t> erased;
+    const run_result r = run_logging_erases(
+        road, {"VIREO_BAD_BLOCKS=" + road.device->at("/dev/mtd0") + "@0xe0000"}, &erased);
     EXPECT_EQ(0, r.status) << r.out;
-    EXPECT_TRUE(has_trace_starting(r.out, "layout change is not protected")) << r.out;
+    EXPECT_FALSE(has_trace_starting(r.out, "layout change is not protected")) << r.out;
+    EXPECT_EQ(
+        0, std::count_if(erased.begin(), erased.end(), [](uint64_t at) { return at >= 0xE0000; }));
     EXPECT_TRUE(road.device->bytes("/dev/mtd0").substr(0xE0000, 0x20000) ==
                 std::string(0x20000, '\xff'))
         << "the free flash is left as it was";
