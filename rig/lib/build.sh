@@ -219,13 +219,29 @@ rig_build_initramfs()
     rig_initramfs_finish "$tree"
 }
 
+# The `mtd` stand-in, static for the router's architecture, built again when its source
+# changed.
+rig_build_mtd()
+{
+    local out=$RIG_BUILD/mtd cc=gcc
+    [ "$RIG_ARCH" = arm64 ] && cc=aarch64-linux-gnu-gcc
+    if ! cmp -s "$RIG_DIR/guest/mtd.c" "$out/mtd.c" || [ ! -x "$out/mtd" ]; then
+        mkdir -p "$out"
+        rm -f "$out/mtd.c"
+        "$cc" -O2 -Wall -Wextra -Werror -static -o "$out/mtd" "$RIG_DIR/guest/mtd.c" || return 1
+        cp "$RIG_DIR/guest/mtd.c" "$out/mtd.c"
+    fi
+    echo "$out/mtd"
+}
+
 # rig_initramfs_finish TREE: the guest's own files (the init, the `mtd` stand-in, the
 # helpers) added to TREE, packed as the initramfs RIG_INITRD.
 rig_initramfs_finish()
 {
-    local tree=$1
+    local tree=$1 mtd
+    mtd=$(rig_build_mtd) || return 1
     install -m 0755 "$RIG_DIR/guest/init" "$tree/init"
-    install -m 0755 "$RIG_DIR/guest/mtd" "$tree/usr/sbin/mtd"
+    install -m 0755 "$mtd" "$tree/usr/sbin/mtd"
     install -m 0644 "$RIG_DIR/guest/lib.sh" "$tree/lib/rig.sh"
     (cd "$tree" && find . | LC_ALL=C sort | busybox cpio -o -H newc 2>/dev/null) \
         >"$RIG_BUILD/initramfs.cpio"
