@@ -49,6 +49,9 @@ struct vireo_ptn_move_hooks {
     // The chunk at done of the move of new-table entry index.
     std::function<const uint8_t *(uint32_t index, uint32_t done, uint32_t chunk)> bytes;
     std::function<int32_t(uint32_t index)> moved; // after the move is read back; 0 / -1
+    // Whether the move's bytes stand at its new place already, written and read back
+    // before: it is then neither written nor read again. None: never.
+    std::function<bool(uint32_t index)> placed;
 };
 // The same moves with the same traces, their bytes from hooks instead of a snapshot.
 int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_table *new_table,

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <mtd/mtd-user.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -424,23 +425,20 @@ bool is_name(const char *name, std::initializer_list<const char *> names)
 // Where a journal may go: erase blocks that read 0xFF and that no partition of either
 // table holds, then the old places of the partitions the image carries (which the content
 // writes erase and rewrite), clear of every place a move reads or writes and of the records
-// the upgrade reads first. free_count: how many of them are free flash.
-std::vector<extent> journal_room(const flash_dev &f, const ptn_table *old_table,
-                                 const ptn_table *new_table, const up_ptn_table *up_table,
-                                 size_t *free_count)
+// the upgrade reads first. free_count: how many of them are free flash. Free flash is read
+// only until enough(room, free_count) holds.
+std::vector<extent>
+journal_room(const flash_dev &f, const ptn_table *old_table, const ptn_table *new_table,
+             const up_ptn_table *up_table,
+             const std::function<bool(const std::vector<extent> &, size_t)> &enough,
+             size_t *free_count)
 {
     const uint32_t erase = f.geo.erase_size;
     std::vector<extent> taken;
     for (const ptn_table *t : {old_table, new_table})
         for (uint32_t i = 0; i < t->ptn_cnt; i++)
             taken.push_back({t->ptns[i].base, t->ptns[i].size});
-    std::vector<extent> room;
-    std::vector<uint8_t> block(erase);
-    for (const extent &b : blocks_outside(0, static_cast<uint64_t>(f.size), taken, erase))
-        if (!f.bad(b.base) && f.read(b.base, block.data(), erase) &&
-            vireo_all_erased(block.data(), erase))
-            room.push_back(b);
-    *free_count = room.size();
+    std::vector<extent> carried;
     // Never a place a move reads or writes, nor a record read before the contents.
     std::vector<extent> keep;
     for (const vireo_ptn_move &m : vireo_firmware_ptn_moves(old_table, new_table)) {
@@ -463,9 +461,20 @@ std::vector<extent> journal_room(const flash_dev &f, const ptn_table *old_table,
             continue;
         const ptn_info &p = old_table->ptns[j];
         for (const extent &b : blocks_outside(p.base, uint64_t{p.base} + p.size, keep, erase))
-            if (!f.bad(b.base) && std::none_of(room.begin(), room.end(),
+            if (!f.bad(b.base) && std::none_of(carried.begin(), carried.end(),
                                                [&b](const extent &r) { return r.base == b.base; }))
-                room.push_back(b);
+                carried.push_back(b);
+    }
+    std::vector<extent> room = carried;
+    *free_count = 0;
+    std::vector<uint8_t> block(erase);
+    for (const extent &b : blocks_outside(0, static_cast<uint64_t>(f.size), taken, erase)) {
+        if (f.bad(b.base) || !f.read(b.base, block.data(), erase) ||
+            !vireo_all_erased(block.data(), erase))
+            continue;
+        room.insert(room.begin() + static_cast<std::ptrdiff_t>((*free_count)++), b);
+        if (enough(room, *free_count))
+            break;
     }
     return room;
 }
@@ -629,9 +638,9 @@ bool stage_and_plan(const flash_dev &f, plan *p)
         if (m.copy != COPY_OLD_PLACE && (!copy_check(f, *p, m, &again) || again != m.check))
             return false;
     }
-    std::vector<uint8_t> bytes = encode(*p);
+    // The rest of the plan's blocks stays erased.
+    const std::vector<uint8_t> bytes = encode(*p);
     p->check = check_of(bytes.data(), bytes.size()); // as a reader of the plan makes it
-    bytes.resize(uint64_t{p->plan_blocks} * p->erase, 0xFF);
     return f.program(p->home, bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
@@ -734,30 +743,69 @@ int32_t write_table(const plan &p)
     return 0;
 }
 
-// The moves of plan p not yet recorded, each from its staged copy, recorded once read back.
-int32_t finish_moves(const flash_dev &f, const plan &p, const ptn_table *old_table,
-                     const ptn_table *new_table)
-{
+// What the moves of a plan take from the flash: each one's bytes from its copy, read 64 KiB
+// at a time; a record appended once it reads back; a copy made at its new place, read back
+// and checked already, is not moved again.
+struct copy_reader {
+    const flash_dev &f;
+    const plan &p;
+    const ptn_table *new_table;
     uint32_t free_slot = 0;
-    const std::vector<bool> done = read_records(f, p, &free_slot);
-    std::vector<uint8_t> chunk(MTD_WRITE_BLOCK_SIZE);
-    vireo_ptn_move_hooks hooks;
-    hooks.before_first = [] { return 0; };
-    const auto move_of = [&p, new_table](uint32_t index) -> const move_plan * {
+    std::vector<uint8_t> buf = std::vector<uint8_t>(kChunk);
+    const move_plan *held = nullptr; // whose bytes buf holds, from held_at on
+    uint32_t held_at = 0, held_len = 0;
+
+    const move_plan *move_of(uint32_t index) const
+    {
         for (const move_plan &m : p.moves)
             if (strcmp(m.name, new_table->ptns[index].name) == 0)
                 return &m;
         return nullptr;
-    };
-    hooks.bytes = [&](uint32_t index, uint32_t at, uint32_t n) -> const uint8_t * {
+    }
+
+    const uint8_t *bytes(uint32_t index, uint32_t at, uint32_t n)
+    {
         const move_plan *m = move_of(index);
-        return m && read_copy(f, p, *m, at, chunk.data(), n) ? chunk.data() : nullptr;
-    };
-    hooks.moved = [&](uint32_t index) {
-        const move_plan *m = move_of(index);
-        return m && append_record(f, p, &free_slot, static_cast<uint32_t>(m - p.moves.data())) ? 0
-                                                                                               : -1;
-    };
+        if (!m || n > kChunk || at > m->len || n > m->len - at)
+            return nullptr;
+        if (m != held || at < held_at || at + n > held_at + held_len) {
+            held = nullptr;
+            const uint32_t len = std::min(kChunk, m->len - at);
+            if (!read_copy(f, p, *m, at, buf.data(), len))
+                return nullptr;
+            held = m;
+            held_at = at;
+            held_len = len;
+        }
+        return buf.data() + (at - held_at);
+    }
+
+    vireo_ptn_move_hooks hooks()
+    {
+        vireo_ptn_move_hooks h;
+        h.before_first = [] { return 0; };
+        h.bytes = [this](uint32_t index, uint32_t at, uint32_t n) { return bytes(index, at, n); };
+        h.moved = [this](uint32_t index) {
+            const move_plan *m = move_of(index);
+            return m && append_record(f, p, &free_slot, static_cast<uint32_t>(m - p.moves.data()))
+                       ? 0
+                       : -1;
+        };
+        h.placed = [this](uint32_t index) {
+            const move_plan *m = move_of(index);
+            return m && m->copy == COPY_NEW_PLACE;
+        };
+        return h;
+    }
+};
+
+// The moves of plan p not yet recorded, each from its copy, recorded once read back.
+int32_t finish_moves(const flash_dev &f, const plan &p, const ptn_table *old_table,
+                     const ptn_table *new_table)
+{
+    copy_reader reader{f, p, new_table};
+    const std::vector<bool> done = read_records(f, p, &reader.free_slot);
+    const vireo_ptn_move_hooks hooks = reader.hooks();
     // The moves recorded done are left out: an old table of the rest alone.
     ptn_table pending = *old_table;
     for (size_t k = 0; k < p.moves.size(); k++) {
@@ -826,10 +874,16 @@ int32_t vireo_journal_moves(const ptn_table *old_table, const ptn_table *new_tab
             }
         p.erase = f.geo.erase_size;
         p.unit = std::max<uint32_t>(MTD_WRITE_BLOCK_SIZE, f.geo.page_size);
+        const size_t plan_size = encode(p).size();
+        // Enough free flash read: the plan placed with its home there.
+        const auto enough = [&](const std::vector<extent> &room, size_t free_count) {
+            return place(&p, room, free_count, staged, plan_size) && !p.erase_after.empty() &&
+                   p.erase_after[0].base == p.home;
+        };
         size_t free_count = 0;
         const std::vector<extent> room =
-            journal_room(f, old_table, new_table, up_table, &free_count);
-        if (!place(&p, room, free_count, staged, encode(p).size()))
+            journal_room(f, old_table, new_table, up_table, enough, &free_count);
+        if (!place(&p, room, free_count, staged, plan_size))
             why = "the flash has no room free of what this upgrade keeps";
     }
     if (list.empty() || why) {
@@ -837,9 +891,8 @@ int32_t vireo_journal_moves(const ptn_table *old_table, const ptn_table *new_tab
             VIREO_TRACE("layout change is not protected against a power cut: %s.\n", why);
         return vireo_firmware_update_ptn_table(old_table, new_table);
     }
-    vireo_ptn_move_hooks hooks;
-    std::vector<uint8_t> chunk(MTD_WRITE_BLOCK_SIZE);
-    uint32_t free_slot = 0;
+    copy_reader reader{f, p, new_table};
+    vireo_ptn_move_hooks hooks = reader.hooks();
     hooks.before_first = [&] {
         if (!stage(f, &p))
             return -1;
@@ -849,18 +902,6 @@ int32_t vireo_journal_moves(const ptn_table *old_table, const ptn_table *new_tab
         for (const extent &e : p.erase_after)
             journal->erase_after.push_back({e.base, e.len});
         return 0;
-    };
-    hooks.bytes = [&](uint32_t index, uint32_t at, uint32_t n) -> const uint8_t * {
-        for (const move_plan &m : p.moves)
-            if (strcmp(m.name, new_table->ptns[index].name) == 0)
-                return read_copy(f, p, m, at, chunk.data(), n) ? chunk.data() : nullptr;
-        return nullptr;
-    };
-    hooks.moved = [&](uint32_t index) {
-        for (size_t k = 0; k < p.moves.size(); k++)
-            if (strcmp(p.moves[k].name, new_table->ptns[index].name) == 0)
-                return append_record(f, p, &free_slot, static_cast<uint32_t>(k)) ? 0 : -1;
-        return -1;
     };
     return vireo_firmware_update_ptn_table(old_table, new_table, hooks);
 }

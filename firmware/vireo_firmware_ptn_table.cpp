@@ -175,6 +175,11 @@ int32_t vireo_firmware_update_ptn_table(const ptn_table *old_table, const ptn_ta
             started = true;
         }
         const uint32_t len = move_length(*o, n);
+        if (hooks.placed && hooks.placed(i)) {
+            if (hooks.moved(i) != 0)
+                return -1;
+            continue;
+        }
         // Written, then read back: the item counts both.
         vireo_progress_item("moving", n.name, 2ull * len);
         const auto written = [&hooks, i](uint32_t done, uint32_t chunk) {

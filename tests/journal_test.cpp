@@ -42,6 +42,7 @@ run_result run_logging_erases(const upgrade_road &road, std::vector<std::string>
 {
     const std::string log = road.device->join("erase.log");
     env.push_back("VIREO_ERASE_LOG=" + log);
+    env.push_back("VIREO_READ_LOG=" + road.device->join("read.log"));
     const run_result r = run_road(road, env);
     std::istringstream lines(read_file(log));
     std::string path;
@@ -52,6 +53,18 @@ run_result run_logging_erases(const upgrade_road &road, std::vector<std::string>
                 erased->push_back(at);
     std::sort(erased->begin(), erased->end());
     return r;
+}
+
+// How many bytes of [lo, hi) of the whole flash the last run_logging_erases of road read.
+uint64_t bytes_read(const upgrade_road &road, uint64_t lo, uint64_t hi)
+{
+    std::istringstream lines(read_file(road.device->join("read.log")));
+    std::string path;
+    uint64_t at = 0, len = 0, total = 0;
+    while (lines >> path >> at >> len)
+        if (path == road.device->at("/dev/mtd0") && at < hi && at + len > lo)
+            total += std::min(hi, at + len) - std::max(lo, at);
+    return total;
 }
 
 class Journal : public ::testing::Test
@@ -158,6 +171,10 @@ TEST_F(Journal, OnlyACopyThatAMoveWouldOverwriteIsStaged)
     EXPECT_EQ(std::string(0x20000, '\xff'), road.device->bytes("/dev/mtd0").substr(0xE0000))
         << "the free flash is left as it was";
     EXPECT_TRUE(pattern(0x10000, 25) == road.device->bytes("/dev/mtd0").substr(0xC0000, 0x10000));
+    // The new place of "cfg" is read to find it erased, to read its copy back and to check
+    // it (and its first 16 bytes by the search for a pending plan); its move does not read
+    // it again.
+    EXPECT_EQ(3u * 0x10000 + 16, bytes_read(road, 0xC0000, 0xD0000));
 }
 
 TEST_F(Journal, APlanThatDoesNotFitTheFlashIsLeftAlone)
@@ -253,18 +270,47 @@ TEST_F(Journal, ALayoutWithoutRoomMovesAsBeforeAndSaysSo)
     EXPECT_TRUE(pattern(0x60000, 62) == flash.substr(0x40000, 0x60000));
 }
 
+TEST_F(Journal, FreeFlashIsReadOnlyAsFarAsTheJournalNeedsIt)
+{
+    // "data" moves into free flash, and 3 MiB of free flash follow. The journal needs two
+    // blocks of it (the plan and its records); beyond them only the first 16 bytes of each
+    // block are read, by the search for a pending plan.
+    const std::vector<raw_ptn> ptns =
+        with_records({{"data", 0x100000, 0x10000, pattern(0x10000, 64)}}, 4);
+    std::vector<raw_ptn> next = ptns;
+    next[4].base = 0x110000;
+    raw_device dev(ptns, 0x400000);
+    install_stand_ins(dev);
+    pack_images(dev, {{kFits, table_json(next, 0x400000), "", {}}});
+    std::vector<std::string> env = tool_env(dev);
+    env.push_back("VIREO_READ_LOG=" + dev.join("read.log"));
+    const run_result r =
+        run_program(VIREO_FAKE_ROOT_TOOL, {dev.path, "-U", "-u", dev.join("up.bin")}, env);
+    ASSERT_EQ(0, r.status) << r.out;
+    EXPECT_FALSE(has_trace_starting(r.out, "layout change is not protected")) << r.out;
+    EXPECT_TRUE(pattern(0x10000, 64) == dev.bytes("/dev/mtd0").substr(0x110000, 0x10000));
+    std::istringstream lines(read_file(dev.join("read.log")));
+    std::string path;
+    uint64_t at = 0, len = 0, beyond = 0;
+    while (lines >> path >> at >> len)
+        if (path == dev.at("/dev/mtd0") && at >= 0x140000)
+            beyond += len;
+    EXPECT_EQ((0x400000u - 0x140000u) / 0x10000u * 16u, beyond);
+}
+
 TEST_F(Journal, WhatMovesIsNeverHeldInMemory)
 {
     if (VIREO_SANITIZED)
         GTEST_SKIP() << "the sanitizers' shadow memory is private memory too";
     if (VIREO_EMULATED)
         GTEST_SKIP() << "the emulator's translation buffers are the tool's private memory too";
-    // 24 MiB of "data" move up, staged in the free flash behind them.
+    // 24 MiB of "data" move up by half their size, over their own old place: staged in the
+    // free flash behind them.
     const uint32_t size = 24 << 20;
     const std::vector<raw_ptn> ptns =
         with_records({{"data", 0x100000, size, pattern(size, 63)}}, 4);
     std::vector<raw_ptn> next = ptns;
-    next[4].base = 0x100000 + size;
+    next[4].base = 0x100000 + size / 2;
     const uint32_t disk = 0x200000 + 3 * size;
     raw_device dev(ptns, disk);
     install_stand_ins(dev);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /* The calls this library interposes, and what all of its parts share:
  *  - VIREO_WRITE_LOG: every write to a file is logged as "<path> <bytes>";
+ *  - VIREO_READ_LOG: every read of a flash node as "<path> <offset> <bytes>";
  *  - VIREO_FAIL_PATHS: colon-separated files whose writes and erases fail with EIO. */
 #include "preload.h"
 
@@ -196,12 +197,19 @@ ssize_t pwrite64(int fd, const void *buf, size_t count, off_t at)
     return write_at(fd, buf, count, at, 1);
 }
 
-/* A damaged UBI volume refuses to be read, as the kernel's does. */
-static int damaged(int fd)
+/* A read of a flash node, logged when asked; a damaged UBI volume refuses it, as the
+ * kernel's does. at < 0: from the file's position. */
+static int refused(int fd, size_t count, off_t at)
 {
     memory_sample();
+    const int logging = getenv("VIREO_READ_LOG") != NULL;
     char path[4096];
-    if (!getenv("VIREO_FLASH_ROOT") || !path_of(fd, path, sizeof(path)) || !ubi_damaged(path))
+    if ((!logging && !getenv("VIREO_FLASH_ROOT")) || !path_of(fd, path, sizeof(path)))
+        return 0;
+    if (logging && flash_node(path))
+        log_line("VIREO_READ_LOG", "%s %lld %zu\n", path,
+                 (long long)(at < 0 ? lseek(fd, 0, SEEK_CUR) : at), count);
+    if (!getenv("VIREO_FLASH_ROOT") || !ubi_damaged(path))
         return 0;
     errno = EBADF;
     return 1;
@@ -209,17 +217,17 @@ static int damaged(int fd)
 
 ssize_t read(int fd, void *buf, size_t count)
 {
-    return damaged(fd) ? -1 : real_read(fd, buf, count);
+    return refused(fd, count, -1) ? -1 : real_read(fd, buf, count);
 }
 
 ssize_t pread(int fd, void *buf, size_t count, off_t at)
 {
-    return damaged(fd) ? -1 : real_pread(fd, buf, count, at);
+    return refused(fd, count, at) ? -1 : real_pread(fd, buf, count, at);
 }
 
 ssize_t pread64(int fd, void *buf, size_t count, off_t at)
 {
-    return damaged(fd) ? -1 : real_pread(fd, buf, count, at);
+    return refused(fd, count, at) ? -1 : real_pread(fd, buf, count, at);
 }
 
 int ioctl(int fd, unsigned long request, ...)
