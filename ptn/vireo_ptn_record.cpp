@@ -60,18 +60,22 @@ vireo_record_result vireo_record_read(const vireo_trace_site &site, const char *
         say(site, words.alloc_failed);
         return VIREO_RECORD_NO_MEMORY;
     }
-    const bool header_first = kind == VIREO_READ_CONTENT && size > PTN_HEADER_SIZE;
-    vireo_record_result r =
-        read_into(site, path, header_first ? PTN_HEADER_SIZE : size, kind, words, rec);
+    uint32_t extent = 0;
+    if ((kind == VIREO_READ_CONTENT || kind == VIREO_READ_CONTENT_BY_OFFSET) &&
+        size > PTN_HEADER_SIZE) {
+        // The header alone, quietly: only one that fits decides how much is read.
+        uint8_t head[PTN_HEADER_SIZE];
+        uint32_t got = 0;
+        if (vireo_file_read(path, head, PTN_HEADER_SIZE, &got) == 0 && got == PTN_HEADER_SIZE)
+            extent = vireo_ptn_header_extent(head, size);
+    }
+    const vireo_read_kind reader = kind == VIREO_READ_CONTENT_BY_OFFSET ? VIREO_READ_BY_OFFSET
+                                   : kind == VIREO_READ_CONTENT         ? VIREO_READ_FROM_START
+                                                                        : kind;
+    const vireo_record_result r =
+        read_into(site, path, extent ? static_cast<int32_t>(extent) : size, reader, words, rec);
     if (r != VIREO_RECORD_OK)
         return r;
-    if (header_first) {
-        const uint32_t extent =
-            rec->count == PTN_HEADER_SIZE ? vireo_ptn_header_extent(rec->buf.data(), size) : 0;
-        r = read_into(site, path, extent ? static_cast<int32_t>(extent) : size, kind, words, rec);
-        if (r != VIREO_RECORD_OK)
-            return r;
-    }
     if (vireo_record_locate(site, rec->buf.data(), static_cast<int32_t>(rec->count), words,
                             &rec->offset, &rec->length) != 0)
         return VIREO_RECORD_FAILED;

@@ -39,6 +39,9 @@ enum vireo_read_kind {
     // accounts for: a large partition holding a small record is not read whole. Whatever
     // the header says otherwise, the partition is read whole and judged as from the start.
     VIREO_READ_CONTENT,
+    // The same header first, then as by offset. For readers that need the content alone,
+    // never those that write the buffer back.
+    VIREO_READ_CONTENT_BY_OFFSET,
 };
 
 enum vireo_record_result {

@@ -167,45 +167,52 @@ TEST(Records, ReadingTheHeaderFirstJudgesAsReadingWhole)
     };
     const vireo_trace_site site{"records_test", "read_record", 1};
     temp_dir dir;
-    for (const auto &c : cases) {
-        const std::string path = dir.join("dev");
-        unlink(path.c_str());
-        if (!c.bytes.empty())
-            write_file(path, c.bytes);
-        vireo_record_words words;
-        words.alloc_failed = "alloc failed.\n";
-        words.read_failed = "read failed.\n";
-        words.invalid = "invalid.\n";
-        words.no_content = "no content.\n";
-        words.data_pos = true;
-        vireo_record whole, content;
-        std::string whole_out, content_out;
-        const auto r_whole = quietly(
-            [&] {
-                return vireo_record_read(site, path.c_str(), c.size, VIREO_READ_FROM_START, words,
-                                         &whole);
-            },
-            &whole_out);
-        const auto r_content = quietly(
-            [&] {
-                return vireo_record_read(site, path.c_str(), c.size, VIREO_READ_CONTENT, words,
-                                         &content);
-            },
-            &content_out);
-        EXPECT_EQ(r_whole, r_content) << c.what;
-        // The buffers' addresses differ.
-        const std::regex address("0x[0-9a-fx]+");
-        EXPECT_EQ(trace_messages(std::regex_replace(whole_out, address, "ADDRESS")),
-                  trace_messages(std::regex_replace(content_out, address, "ADDRESS")))
-            << c.what;
-        EXPECT_EQ(c.read, content.count) << c.what;
-        if (r_whole == VIREO_RECORD_OK) {
-            EXPECT_EQ(whole.offset, content.offset) << c.what;
-            EXPECT_EQ(whole.length, content.length) << c.what;
-            EXPECT_EQ(std::string(whole.text(), whole.length),
-                      std::string(content.text(), content.length))
-                << c.what;
-            EXPECT_EQ(doc, std::string(content.text(), content.length)) << c.what;
+    // Each header-first kind against the whole read it stands for.
+    const std::pair<vireo_read_kind, vireo_read_kind> kinds[] = {
+        {VIREO_READ_FROM_START, VIREO_READ_CONTENT},
+        {VIREO_READ_BY_OFFSET, VIREO_READ_CONTENT_BY_OFFSET}};
+    for (const auto &[whole_kind, content_kind] : kinds)
+        for (const auto &c : cases) {
+            const std::string path = dir.join("dev");
+            unlink(path.c_str());
+            if (!c.bytes.empty())
+                write_file(path, c.bytes);
+            vireo_record_words words;
+            words.alloc_failed = "alloc failed.\n";
+            words.read_failed = "read failed.\n";
+            words.invalid = "invalid.\n";
+            words.no_content = "no content.\n";
+            words.data_pos = true;
+            vireo_record whole, content;
+            std::string whole_out, content_out;
+            const auto r_whole = quietly(
+                [&] {
+                    return vireo_record_read(site, path.c_str(), c.size, whole_kind, words, &whole);
+                },
+                &whole_out);
+            const auto r_content = quietly(
+                [&] {
+                    return vireo_record_read(site, path.c_str(), c.size, content_kind, words,
+                                             &content);
+                },
+                &content_out);
+            EXPECT_EQ(r_whole, r_content) << c.what << " (kind " << content_kind << ")";
+            // The buffers' addresses differ.
+            const std::regex address("0x[0-9a-fx]+");
+            EXPECT_EQ(trace_messages(std::regex_replace(whole_out, address, "ADDRESS")),
+                      trace_messages(std::regex_replace(content_out, address, "ADDRESS")))
+                << c.what << " (kind " << content_kind << ")";
+            EXPECT_EQ(c.read, content.count) << c.what << " (kind " << content_kind << ")";
+            if (r_whole == VIREO_RECORD_OK) {
+                EXPECT_EQ(whole.offset, content.offset)
+                    << c.what << " (kind " << content_kind << ")";
+                EXPECT_EQ(whole.length, content.length)
+                    << c.what << " (kind " << content_kind << ")";
+                EXPECT_EQ(std::string(whole.text(), whole.length),
+                          std::string(content.text(), content.length))
+                    << c.what << " (kind " << content_kind << ")";
+                EXPECT_EQ(doc, std::string(content.text(), content.length))
+                    << c.what << " (kind " << content_kind << ")";
+            }
         }
-    }
 }

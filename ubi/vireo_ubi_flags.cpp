@@ -38,9 +38,11 @@ bool score_of(const char *text, int32_t len, int32_t *score)
 }
 
 // Sizes, reads and locates the record of the flag volume name at path. read_name is the
-// name the read failure names ("extra-para" or "extra-para.b").
+// name the read failure names ("extra-para" or "extra-para.b"). A record read for its score
+// alone is read header first (VIREO_READ_CONTENT_BY_OFFSET); one to be written back, whole.
 flag_read read_flag(const vireo_trace_site &site, const char *name, const char *path,
-                    const char *read_name, vireo_record *rec, int32_t *score, bool *scored)
+                    const char *read_name, vireo_read_kind kind, vireo_record *rec, int32_t *score,
+                    bool *scored)
 {
     *scored = false;
     const int32_t size = vireo_file_get_size(path);
@@ -54,7 +56,7 @@ flag_read read_flag(const vireo_trace_site &site, const char *name, const char *
     words.read_failed = vireo_strf("failed to read %s content.[%s]\n", read_name, path);
     words.invalid = vireo_strf("ubi volume[%s] is not a valid partition.[%s]\n", name, path);
     words.no_content = vireo_strf("failed to get extra-para content.[%s]\n", path);
-    switch (vireo_record_read(site, path, size, VIREO_READ_BY_OFFSET, words, rec)) {
+    switch (vireo_record_read(site, path, size, kind, words, rec)) {
     case VIREO_RECORD_NO_MEMORY:
         return FLAG_NO_MEMORY;
     case VIREO_RECORD_FAILED:
@@ -99,7 +101,7 @@ int32_t write_flag(const vireo_trace_site &site, bool on, int32_t score, vireo_r
     // The result of the write is not examined; what the volume now holds is.
     vireo_record back;
     const vireo_record_words quiet;
-    if (vireo_record_read(site, target, size, VIREO_READ_BY_OFFSET, quiet, &back) ==
+    if (vireo_record_read(site, target, size, VIREO_READ_CONTENT_BY_OFFSET, quiet, &back) ==
             VIREO_RECORD_OK &&
         back.length == n + 1 && memcmp(back.text(), text, static_cast<size_t>(n)) == 0)
         return 0;
@@ -118,13 +120,16 @@ int32_t vireo_firmware_get_score(uint32_t ubi_num, int32_t *primary, int32_t *ba
     resolve(ubi_num, PRIMARY, path);
     VIREO_TRACE("PTN[%s] volume path:%s\n\n", PRIMARY, path);
     if (path[0] &&
-        read_flag(VIREO_SITE(), PRIMARY, path, PRIMARY, &rec, &score, &scored) == FLAG_READ &&
+        read_flag(VIREO_SITE(), PRIMARY, path, PRIMARY, VIREO_READ_CONTENT_BY_OFFSET, &rec, &score,
+                  &scored) == FLAG_READ &&
         scored)
         *primary = score;
     resolve(ubi_num, BACKUP, path);
     VIREO_TRACE("PTN[%s] volume path:%s\n\n", BACKUP, path);
     if (path[0] &&
-        read_flag(VIREO_SITE(), BACKUP, path, BACKUP, &rec, &score, &scored) == FLAG_READ && scored)
+        read_flag(VIREO_SITE(), BACKUP, path, BACKUP, VIREO_READ_CONTENT_BY_OFFSET, &rec, &score,
+                  &scored) == FLAG_READ &&
+        scored)
         *backup = score;
     return 0;
 }
@@ -142,7 +147,8 @@ int32_t vireo_firmware_pre_update(uint32_t ubi_num)
     vireo_record rec;
     int32_t score = 0;
     bool scored = false;
-    const flag_read r = read_flag(VIREO_SITE(), name, path, PRIMARY, &rec, &score, &scored);
+    const flag_read r =
+        read_flag(VIREO_SITE(), name, path, PRIMARY, VIREO_READ_BY_OFFSET, &rec, &score, &scored);
     if (r == FLAG_NO_SIZE || r == FLAG_NO_MEMORY)
         return -1;
     return write_flag(VIREO_SITE(), false, p < b ? p : b, &rec, r == FLAG_READ, path, ubi);
@@ -157,14 +163,16 @@ int32_t vireo_firmware_post_update(uint32_t ubi_num)
     resolve(ubi_num, PRIMARY, path);
     VIREO_TRACE("PTN[%s] volume path:%s\n\n", PRIMARY, path);
     if (path[0])
-        read_flag(VIREO_SITE(), PRIMARY, path, PRIMARY, &rec, &p, &scored);
+        read_flag(VIREO_SITE(), PRIMARY, path, PRIMARY, VIREO_READ_CONTENT_BY_OFFSET, &rec, &p,
+                  &scored);
     if (!resolve(ubi_num, BACKUP, path)) {
         VIREO_TRACE("PTN[%s] volume path:%s\n\n", BACKUP, path);
         return 0;
     }
     VIREO_TRACE("PTN[%s] volume path:%s\n\n", BACKUP, path);
     const bool ubi = is_ubi_volume_path(path);
-    const flag_read r = read_flag(VIREO_SITE(), BACKUP, path, BACKUP, &rec, &b, &scored);
+    const flag_read r =
+        read_flag(VIREO_SITE(), BACKUP, path, BACKUP, VIREO_READ_BY_OFFSET, &rec, &b, &scored);
     if (r == FLAG_NO_SIZE || r == FLAG_NO_MEMORY)
         return -1;
     if (!scored)
@@ -189,8 +197,8 @@ int32_t vireo_firmware_get_score_by_extra_para(uint32_t ubi_num, const char *nam
         return 0;
     vireo_record rec;
     bool scored = false;
-    const flag_read r =
-        read_flag(VIREO_SITE(), name, volume->path, PRIMARY, &rec, &volume->score, &scored);
+    const flag_read r = read_flag(VIREO_SITE(), name, volume->path, PRIMARY, VIREO_READ_BY_OFFSET,
+                                  &rec, &volume->score, &scored);
     volume->size = static_cast<int32_t>(rec.buf.size());
     volume->count = rec.count;
     volume->content_offset = rec.offset;

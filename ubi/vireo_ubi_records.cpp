@@ -25,7 +25,8 @@ static bool read_record(const vireo_trace_site &site, uint32_t ubi_num, const ch
     words.invalid = vireo_strf("ubi volume[%s] is not a valid partition.\n", name);
     words.no_content = vireo_strf("failed to get PTN[%s] content position.\n", name);
     words.data_pos = true;
-    return vireo_record_read(site, path, size, VIREO_READ_BY_OFFSET, words, rec) == VIREO_RECORD_OK;
+    return vireo_record_read(site, path, size, VIREO_READ_CONTENT_BY_OFFSET, words, rec) ==
+           VIREO_RECORD_OK;
 }
 
 devinfo *vireo_flash_build_device_info_ubi(uint32_t ubi_num)
