@@ -25,15 +25,23 @@ else
 fi
 expect_value "-C passes" 0 "$TOOL_STATUS"
 # The UBI device's background work (the erase blocks it found empty at attach, formatted;
-# those a volume update frees, erased) done: its thread sleeps waiting for work.
+# those a volume update frees, erased) done: its thread sleeps waiting for work, at three
+# looks in a row. SETTLED_AT: the time of the first of them (the thread fell asleep at most
+# one look earlier), or of the call when there is no thread.
 ubi_settled()
 {
     local pid state quiet=0 i=0
+    SETTLED_AT=$(now)
     pid=$(grep -l '^ubi_bgt0d$' /proc/[0-9]*/comm 2>/dev/null | head -1 | cut -d/ -f3)
     [ -n "$pid" ] || return 0
     while [ $quiet -lt 3 ] && [ $i -lt 6000 ]; do
         state=$(cut -d')' -f2 "/proc/$pid/stat" | cut -d' ' -f2)
-        if [ "$state" = S ]; then quiet=$((quiet + 1)); else quiet=0; fi
+        if [ "$state" = S ]; then
+            [ $quiet -eq 0 ] && SETTLED_AT=$(now)
+            quiet=$((quiet + 1))
+        else
+            quiet=0
+        fi
         sleep 0.05
         i=$((i + 1))
     done
@@ -61,7 +69,7 @@ else
 fi
 t1=$(now)
 ubi_settled
-t2=$(now)
+t2=$SETTLED_AT
 expect_value "-U on timed $FLASH" 0 "$TOOL_STATUS"
 if [ "$MODE" = ubi ]; then
     expect_value "the volumes hold the upgrade" same \
