@@ -560,13 +560,22 @@ bool table_content(const up_ptn_table *up_table, const vireo_payload &payload,
 // Lays the plan out in room: its home (plan, then records) in consecutive blocks, free
 // flash first; the staged stream in the blocks left, the carried room first (it needs no
 // erase afterwards). The free flash used is listed to be erased when done, the home first.
-// False when room is too small.
+// plan_size: the plan's bytes without those two lists. False when room is too small.
 bool place(plan *p, const std::vector<extent> &room, size_t free_count, uint64_t staged,
            size_t plan_size)
 {
-    const uint32_t erase = p->erase;
-    p->plan_blocks = static_cast<uint32_t>((plan_size + erase - 1) / erase);
+    const uint64_t erase = p->erase;
     p->record_blocks = static_cast<uint32_t>(((p->moves.size() + 1) * p->unit + erase - 1) / erase);
+    // The lists take 8 bytes a block: the staging at most one block per erase block staged,
+    // the free flash to erase at most the staging and the home. A block more for the plan
+    // adds 8 bytes: a few rounds settle it.
+    const uint64_t stage_blocks = (staged + erase - 1) / erase;
+    uint64_t plan_blocks = 1;
+    for (int round = 0; round < 4; round++)
+        plan_blocks =
+            (plan_size + 8 * (2 * stage_blocks + plan_blocks + p->record_blocks) + erase - 1) /
+            erase;
+    p->plan_blocks = static_cast<uint32_t>(plan_blocks);
     const size_t blocks = p->plan_blocks + p->record_blocks;
     size_t home = room.size();
     for (size_t i = 0; i + blocks <= room.size() && home == room.size(); i++) {
@@ -638,10 +647,11 @@ bool stage_and_plan(const flash_dev &f, plan *p)
         if (m.copy != COPY_OLD_PLACE && (!copy_check(f, *p, m, &again) || again != m.check))
             return false;
     }
-    // The rest of the plan's blocks stays erased.
+    // The rest of the plan's blocks stays erased; the plan never reaches its records.
     const std::vector<uint8_t> bytes = encode(*p);
     p->check = check_of(bytes.data(), bytes.size()); // as a reader of the plan makes it
-    return f.program(p->home, bytes.data(), static_cast<uint32_t>(bytes.size()));
+    return bytes.size() <= uint64_t{p->plan_blocks} * p->erase &&
+           f.program(p->home, bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
 // Stages the old content of every move that needs it, checks every copy, then writes the plan: the

@@ -298,6 +298,33 @@ TEST_F(Journal, FreeFlashIsReadOnlyAsFarAsTheJournalNeedsIt)
     EXPECT_EQ((0x400000u - 0x140000u) / 0x10000u * 16u, beyond);
 }
 
+TEST_F(Journal, APlanThatItsListsOutgrowGetsAnotherBlock)
+{
+    // On flash of 4 KiB blocks, "data" (1 MiB) moves up by half its size, over its own old
+    // place: staged in 256 blocks of free flash, which the plan lists twice (staging, and to
+    // erase when done): 4 KiB of lists, where the rest of the plan takes less than 1 KiB.
+    // Laid out for the rest alone, the plan would run into its records.
+    const uint32_t size = 0x100000;
+    const std::vector<raw_ptn> ptns =
+        with_records({{"data", 0x100000, size, pattern(size, 65)}}, 4);
+    std::vector<raw_ptn> next = ptns;
+    next[4].base = 0x100000 + size / 2;
+    raw_device dev(ptns, 0x400000);
+    install_stand_ins(dev);
+    pack_images(dev, {{kFits, table_json(next, 0x400000), "", {}}});
+    std::vector<std::string> env = tool_env(dev);
+    env.push_back("VIREO_FLASH_ERASE=4096");
+    const run_result r =
+        run_program(VIREO_FAKE_ROOT_TOOL, {dev.path, "-U", "-u", dev.join("up.bin")}, env);
+    ASSERT_EQ(0, r.status) << r.out;
+    EXPECT_FALSE(has_trace_starting(r.out, "layout change is not protected")) << r.out;
+    const std::string flash = dev.bytes("/dev/mtd0");
+    EXPECT_TRUE(pattern(size, 65) == flash.substr(next[4].base, size));
+    const uint32_t end = next[4].base + size;
+    EXPECT_TRUE(std::string(0x400000 - end, '\xff') == flash.substr(end))
+        << "the free flash is left as it was";
+}
+
 TEST_F(Journal, WhatMovesIsNeverHeldInMemory)
 {
     if (VIREO_SANITIZED)
